@@ -1,0 +1,32 @@
+# Set-up and everyday commands. `make test` builds everything and runs every
+# test; it installs missing packages first (as root with apt-get).
+# SANITIZE=1 (set by CI) builds with AddressSanitizer and UBSan.
+
+JOBS ?= 2
+ifeq ($(SANITIZE),1)
+BUILD ?= build-asan
+CMAKE_FLAGS += -DRV_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
+else
+BUILD ?= build
+endif
+
+.PHONY: all deps build test demo clean
+
+all: build
+
+deps:
+	@scripts/ensure-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD) -G Ninja -DRV_WERROR=ON $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+demo:
+	@echo "make demo: the demonstration update arrives with the sample installation; it is not available yet." >&2
+	@exit 1
+
+clean:
+	rm -rf build build-asan
