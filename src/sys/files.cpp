@@ -1,0 +1,145 @@
+#include "sys/files.hpp"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "config/glbv.hpp"
+#include "sys/dirwalk.hpp"
+
+namespace rv {
+
+namespace {
+
+struct FileCloser {
+    void operator()(std::FILE* fp) const { std::fclose(fp); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// Reads the next piece of a line: up to and including its line feed, but at
+// most kSeekLineMax characters. False at end of file.
+bool read_piece(std::FILE* fp, std::string& piece) {
+    piece.clear();
+    int c = 0;
+    while (piece.size() < kSeekLineMax && (c = std::fgetc(fp)) != EOF) {
+        piece.push_back(static_cast<char>(c));
+        if (c == '\n') {
+            break;
+        }
+    }
+    return !piece.empty();
+}
+
+bool contains(std::string_view line, std::string_view what) { return line.find(what) != std::string_view::npos; }
+
+}  // namespace
+
+bool i_SEEK_STRING(std::FILE* fpTest, std::string& szSl, std::string_view cpString1, std::string_view cpString2,
+                   char cLogicFlg) {
+    while (read_piece(fpTest, szSl)) {
+        const bool first = contains(szSl, cpString1);
+        bool match = first;
+        if (cLogicFlg == 'a') {
+            match = first && contains(szSl, cpString2);
+        } else if (cLogicFlg == 'o') {
+            match = first || contains(szSl, cpString2);
+        }
+        if (match) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool file_search(std::string_view cpFile, std::string& cpSearchString) {
+    std::string file(cpFile);
+    resolve_glbv(file);
+    FilePtr fp(std::fopen(file.c_str(), "r"));
+    if (!fp) {
+        return false;
+    }
+
+    const bool wantLine = !cpSearchString.empty() && cpSearchString.back() == '^';
+    if (wantLine) {
+        cpSearchString.pop_back();
+    }
+    std::string second;
+    char logic = ' ';
+    for (auto [op, flag] : {std::pair<std::string_view, char>{"|AND|", 'a'}, {"|OR|", 'o'}}) {
+        const std::size_t at = cpSearchString.find(op);
+        if (at != std::string::npos) {
+            second = cpSearchString.substr(at + op.size());
+            cpSearchString.resize(at);
+            logic = flag;
+            break;
+        }
+    }
+
+    std::string line;
+    if (!i_SEEK_STRING(fp.get(), line, cpSearchString, second, logic)) {
+        return false;
+    }
+    if (wantLine) {
+        if (line.back() == '\n') {
+            line.pop_back();
+        }
+        cpSearchString = line;
+    }
+    return true;
+}
+
+bool i_FILE_DELETE(std::string_view source, str_log strTrace) {
+    const std::string passed(source);
+    std::string name = passed;
+    resolve_glbv(name);
+    SLASH_HAMMER(name);
+    if (strTrace.iFlg > 0) {
+        WRITE_TRACE(&strTrace, "+++ FILE_DELETE   %s  ->  %s ", passed.c_str(), name.c_str());
+    }
+
+    bool result = true;
+    if (name.find('*') == std::string::npos) {
+        result = std::remove(name.c_str()) == 0;
+    } else {
+        const std::size_t slash = name.rfind('/');
+        // Without a '/' the matches lie in the current directory and are
+        // deleted by their bare names.
+        const std::string dir = slash == std::string::npos ? std::string() : name.substr(0, slash + 1);
+        if (strTrace.iFlg > 1) {
+            WRITE_TRACE(&strTrace, "path= %s ", dir.c_str());
+        }
+        rv_dirent entry;
+        for (bool found = i_GET_DIR(name, entry, strTrace); found; found = i_GET_DIR("", entry, strTrace)) {
+            const std::string victim = dir + entry.d_name;
+            if (strTrace.iFlg > 1) {
+                WRITE_TRACE(&strTrace, "remove %s  %s ", dir.c_str(), entry.d_name.c_str());
+            }
+            if (std::remove(victim.c_str()) != 0 && strTrace.iFlg > 0) {
+                WRITE_TRACE(&strTrace, "could not remove %s", victim.c_str());
+            }
+        }
+    }
+
+    if (strTrace.iFlg > 0) {
+        WRITE_TRACE(&strTrace, "--- FILE_DELETE  returns  %d ", result ? 1 : 0);
+    }
+    return result;
+}
+
+int i_FILE_CLOSE(int iErrno) {
+    // The alarm depends on the error number of the last failed call, which
+    // the caller's argument need not be.
+    const int current = errno;
+    std::fprintf(stderr, "\nFILE_CLOSE error: %s\n", std::strerror(iErrno));
+    if (current == ENOSPC || current == ENFILE || current == EDEADLK) {
+        const std::string text = std::strerror(current);
+        const std::string alarm = "rv_alarm FILE_SYSTEM \"" + text + "\"";
+        [[maybe_unused]] int rc = std::system(alarm.c_str());
+        rc = std::system("rv_os_startup STOP");
+        std::fprintf(stderr, "\n\nSHUTDOWN ravik2000 - problems with file system (%s) \n\n", text.c_str());
+    }
+    return 0;
+}
+
+}  // namespace rv
