@@ -1,0 +1,219 @@
+#include "config/ini.hpp"
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+namespace rv {
+
+namespace {
+
+struct FileCloser {
+    void operator()(std::FILE* fp) const { std::fclose(fp); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// A reference that leads to itself (a=%(a), or a=%(b) with b=%(a)) would never
+// end. A lookup this many references deep is refused with the message
+// "i_GetPrivateProfileString: REFERENCE NESTED TOO DEEPLY: <key>".
+constexpr int kIniReferenceDepthMax = 32;
+
+constexpr std::string_view kDefaultSection = "[DEFAULT]";
+
+enum class Lookup { found, failed, too_deep };
+
+// Reads the next piece of a line: up to and including the line feed, but at
+// most kIniLinePiece characters, so a longer line goes on as a new line. The
+// line feed is dropped, a carriage return stays. False at end of file.
+bool read_piece(std::FILE* fp, std::string& line) {
+    line.clear();
+    int c = 0;
+    while (line.size() < kIniLinePiece && (c = std::getc(fp)) != EOF) {
+        if (c == '\n') {
+            return true;
+        }
+        line.push_back(static_cast<char>(c));
+    }
+    return !line.empty();
+}
+
+char lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
+
+std::string lowered(std::string_view s) {
+    std::string out(s);
+    for (char& c : out) {
+        c = lower(c);
+    }
+    return out;
+}
+
+// True when `line` begins with `prefix` (already lower case), ignoring case.
+bool starts_with_nocase(std::string_view line, std::string_view prefix) {
+    if (line.size() < prefix.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < prefix.size(); ++i) {
+        if (lower(line[i]) != prefix[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Trailing blanks go, unless the value is nothing but blanks: then it stays.
+void trim_trailing_blanks(std::string& value) {
+    const auto last = value.find_last_not_of(' ');
+    if (last != std::string::npos) {
+        value.erase(last + 1);
+    }
+}
+
+std::string cut(std::string_view value, std::size_t iLengthValue) {
+    return std::string(value.substr(0, iLengthValue == 0 ? 0 : iLengthValue - 1));
+}
+
+Lookup lookup(std::string_view file, std::string_view section, std::string_view key, std::string& value,
+              std::string& msg, std::size_t iLengthValue, int depth) {
+    msg.clear();
+    if (file.empty()) {
+        msg = "i_GetPrivateProfileString: FILE NOT FOUND OR ACCESS PROBLEM.";
+        return Lookup::failed;
+    }
+    if (section.size() > kIniSectionMax) {
+        msg = "i_GetPrivateProfileString: SECTION NAME TOO LONG: " + std::string(section);
+        return Lookup::failed;
+    }
+    if (key.size() > kIniKeyMax) {
+        msg = "i_GetPrivateProfileString: KEY NAME TOO LONG: " + std::string(key);
+        return Lookup::failed;
+    }
+    if (depth >= kIniReferenceDepthMax) {
+        msg = "i_GetPrivateProfileString: REFERENCE NESTED TOO DEEPLY: " + std::string(key);
+        return Lookup::too_deep;
+    }
+
+    const std::string filename(file);
+    FilePtr fp(std::fopen(filename.c_str(), "r"));
+    if (!fp) {
+        msg = "i_GetPrivateProfileString: FILE NOT FOUND OR ACCESS PROBLEM: " + filename + ".";
+        return Lookup::failed;
+    }
+
+    enum { before_section, in_section, whole_file, key_found } state =
+        section.empty() ? whole_file : before_section;
+    const std::string wantedSection = lowered(section);
+    const std::string wantedKey = lowered(key) + "=";
+
+    std::string line;
+    while (state != key_found && read_piece(fp.get(), line)) {
+        if (line.empty() || line[0] == '#') {
+            continue;
+        }
+        if (state == before_section && starts_with_nocase(line, wantedSection)) {
+            state = in_section;
+            continue;
+        }
+        if (state == in_section && line[0] == '[') {
+            msg = "i_GetPrivateProfileString: KEY NOT FOUND " + std::string(section) + std::string(key);
+            return Lookup::failed;
+        }
+        if ((state == in_section || state == whole_file) && starts_with_nocase(line, wantedKey)) {
+            state = key_found;
+        }
+    }
+    fp.reset();
+
+    if (state == before_section) {
+        msg = "i_GetPrivateProfileString: SECTION NOT FOUND: " + wantedSection + ".";
+        return Lookup::failed;
+    }
+    if (state != key_found) {
+        msg = "i_GetPrivateProfileString: KEY NOT FOUND: " + std::string(key);
+        return Lookup::failed;
+    }
+
+    std::string found = line.substr(line.find('=') + 1);
+    trim_trailing_blanks(found);
+
+    // Only the first reference is replaced; the referenced value has been
+    // resolved by its own lookup. A "%(" without ")" is plain text.
+    const auto open = found.find("%(");
+    if (open != std::string::npos) {
+        const auto close = found.find(')', open + 2);
+        if (close != std::string::npos) {
+            const std::string name = found.substr(open + 2, close - open - 2);
+            std::string referenced;
+            Lookup result = lookup(file, section, name, referenced, msg, iLengthValue, depth + 1);
+            // The fallback would repeat the very same lookup when the section
+            // already is [DEFAULT].
+            if (result == Lookup::failed && section != kDefaultSection) {
+                result = lookup(file, kDefaultSection, name, referenced, msg, iLengthValue, depth + 1);
+            }
+            if (result != Lookup::found) {
+                return result;
+            }
+            found = found.substr(0, open) + referenced + found.substr(close + 1);
+        }
+    }
+
+    value = cut(found, iLengthValue);
+    if (value.empty()) {
+        msg = "i_GetPrivateProfileString: KEY VALUE NOT FOUND.";
+        return Lookup::failed;
+    }
+    msg.clear();
+    return Lookup::found;
+}
+
+}  // namespace
+
+bool i_GetPrivateProfileString(std::string_view cpFilename, std::string_view cpSection,
+                               std::string_view cpKey, std::string& cpValue, std::string& cpMsg,
+                               std::size_t iLengthValue) {
+    return lookup(cpFilename, cpSection, cpKey, cpValue, cpMsg, iLengthValue, 0) == Lookup::found;
+}
+
+bool i_GET_ROOT_FOR_INI(std::string_view cpIdentifier, std::string& cpValue, std::string& cpMsg,
+                        std::size_t iLengthValue) {
+    cpValue.clear();
+    std::vector<std::string> files;
+    if (const char* env = std::getenv("RAVIK_INI")) {
+        files.emplace_back(env);
+    }
+    files.emplace_back(kRootIniFirst);
+    files.emplace_back(kRootIniSecond);
+
+    for (const std::string& file : files) {
+        std::string value;
+        if (i_GetPrivateProfileString(file, "", cpIdentifier, value, cpMsg, iLengthValue)) {
+            cpValue = value;
+            return true;
+        }
+    }
+    // The message names the second file tried, not the last one.
+    cpMsg = "i_GET_ROOT_FOR_INI: NO RAVIK CONFIGURATION FILE FOUND: " + files[1];
+    return false;
+}
+
+bool i_READ_INI(std::string_view cpIdentifier, std::string_view cpSection, std::string_view cpKey,
+                std::string& cpValue, std::string& cpMsg, std::size_t iLengthValue) {
+    cpValue.clear();
+    std::string reason(cpIdentifier.empty() ? std::string_view("RV_INI") : cpIdentifier);
+
+    std::string iniFile;
+    if (i_GET_ROOT_FOR_INI(reason, iniFile, cpMsg, kIniValueSize)) {
+        std::string value;
+        if (i_GetPrivateProfileString(iniFile, cpSection, cpKey, value, reason, kIniValueSize)) {
+            cpValue = cut(value, iLengthValue);
+            return true;
+        }
+    }
+    // `reason` holds the identifier when the root lookup failed, else the
+    // message of the failed key lookup.
+    cpMsg = "i_READ_INI: " + reason;
+    return false;
+}
+
+}  // namespace rv
