@@ -1,0 +1,178 @@
+#include "cli/commands.hpp"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "config/product.hpp"
+#include "db/exec_statement.hpp"
+#include "log/finish.hpp"
+#include "log/trace.hpp"
+#include "sys/strings.hpp"
+#include "sys/timefmt.hpp"
+#include "update/checkenv.hpp"
+#include "update/driver.hpp"
+
+namespace rv {
+
+namespace {
+
+// Opens the trace of every run.
+constexpr const char* kVersionId = "rv_db_update 1.0.0";
+
+// Positions of the commands in kCommandList.
+constexpr std::size_t kPosUpdate = 0;
+constexpr std::size_t kPosDowngrade = 7;
+constexpr std::size_t kPosDbBackup = 17;
+constexpr std::size_t kPosDbRestore = 27;
+constexpr std::size_t kPosSetParamsFix = 38;
+
+// Length of the update date written into params_fix: down to the minute.
+constexpr std::size_t kUpdateDateLength = 12;
+
+std::string usage_text(const char* program, std::string_view list) {
+    return "Usage:\n" + std::string(program) + " " + std::string(list) + " [-v 0|1|2]\n";
+}
+
+// Applies every "-v N" of the command line to the trace context.
+void scan_trace_option(int argc, char** argv) {
+    for (int i = 0; i < argc; ++i) {
+        if (std::strncmp(argv[i], "-v", 2) == 0 && i + 1 < argc) {
+            ++i;
+            strLog.iFlg = std::atoi(argv[i]);
+            strLog.iVerify = 1;
+            std::printf("-v set to %s\n", argv[i]);
+        }
+    }
+}
+
+// Runs a shell command line of db_backup or db_restore; its status is not
+// examined (the archive commands guard themselves).
+void run_archive_command(const std::string& cmd) {
+    if (strLog.iFlg > 0) {
+        WRITE_TRACE(&strLog, "%s", cmd.c_str());
+    }
+    // Shown as it is, without a line feed; written as text, so a '%' in a
+    // path cannot be taken for a conversion.
+    std::fputs(cmd.c_str(), stdout);
+    std::fflush(stdout);
+    [[maybe_unused]] int status = std::system(cmd.c_str());
+}
+
+int cmd_update(int argc, char** argv) {
+    if (argc > 2) {
+        pathes.version_old = argv[2];
+    }
+    if (argc > 3) {
+        pathes.version = argv[3];
+    }
+    checkenv(pathes.version_old, pathes.version);
+    glbvVersion = main_version(pathes.version);
+    std::printf("Update main version: %s\n", glbvVersion->c_str());
+    std::printf("[Update from %s to %s]\n", pathes.version_old.c_str(), pathes.version.c_str());
+    std::fflush(stdout);
+    iDbUpdate("Update " + *glbvVersion);
+    return 0;
+}
+
+int cmd_downgrade() {
+    checkenv(pathes.version_old, pathes.version);
+    const std::string& newv = pathes.version;
+    const std::string& oldv = pathes.version_old;
+    if (newv.find("1.6.4.") != std::string::npos) {
+        if (oldv.find("1.6.2.") != std::string::npos) {
+            std::printf("[Downgrade from 1.6.4 to 1.6.2]\n");
+            std::fflush(stdout);
+            iDbUpdate("Downgrade 1.6.4.");
+        }
+    } else if (newv.find("2.0.1.") != std::string::npos) {
+        if (oldv.find("1.6.3.") != std::string::npos) {
+            std::printf("[Downgrade from 2.0.1 to 1.6.3]\n");
+            std::fflush(stdout);
+            iDbUpdate("Downgrade 2.0.1.");
+        }
+    } else {
+        FINISH(RV_ERROR, "Es sind keine Downgrade Informationen fuer diese Version verfuegbar.");
+    }
+    return 0;
+}
+
+int cmd_db_backup() {
+    checkenv(pathes.version_old, pathes.version);
+    const char s = pathes.separator;
+    const std::string& ro = pathes.root_ravik;
+    run_archive_command("cd " + pathes.var_db + "schema" + s + "ravik" + s + "; [ -f " + ro + "downgrade" + s +
+                        "ravik_db.tar ] || tar -cvf " + ro + "downgrade" + s + "ravik_db.tar .");
+    return 0;
+}
+
+int cmd_db_restore() {
+    checkenv(pathes.version_old, pathes.version);
+    const char s = pathes.separator;
+    run_archive_command("cd " + pathes.var_db + "schema" + s + "ravik" + s + " ; tar -xvf " + pathes.root_ravik +
+                        "downgrade" + s + "ravik_db.tar .");
+    return 0;
+}
+
+int cmd_set_params_fix() {
+    checkenv(pathes.version_old, pathes.version);
+    iExecDbStatement("ravik_db",
+                     "update params_fix set version='" + pathes.version + "' where kunde='QOR-RAVIK'");
+    std::string date = "I";
+    time_get(date);
+    date.resize(std::min(date.size(), kUpdateDateLength));
+    iExecDbStatement("ravik_db", "update params_fix set update_date='" + date + "' where kunde='QOR-RAVIK'");
+    return 0;
+}
+
+}  // namespace
+
+std::string main_version(std::string_view version) {
+    const auto dot = version.rfind('.');
+    if (dot == std::string_view::npos) {
+        return std::string(version);
+    }
+    return std::string(version.substr(0, dot + 1));
+}
+
+int rv_db_update_main(int argc, char** argv) {
+    v_set_log_main("rv_db_update.lgc", "RV_DB_UPDATE", &strLog);
+    scan_trace_option(argc, argv);
+    if (strLog.iFlg > 0) {
+        WRITE_TRACE(&strLog, "%s called with: %s", kVersionId, GET_CALL_PARAM(argc, argv).c_str());
+    }
+
+    if (argc == 1 || std::strcmp(argv[1], "-h") == 0 || kCommandList.find(argv[1]) == std::string_view::npos) {
+        std::fputs(usage_text(argv[0], kUsageList).c_str(), stdout);
+        std::fflush(stdout);
+        return RV_WARNING;
+    }
+
+    pathes.version_old.clear();
+    pathes.version.clear();
+    int ret = 0;
+    switch (kCommandList.find(argv[1])) {
+        case kPosUpdate:
+            ret = cmd_update(argc, argv);
+            break;
+        case kPosDowngrade:
+            ret = cmd_downgrade();
+            break;
+        case kPosDbBackup:
+            ret = cmd_db_backup();
+            break;
+        case kPosDbRestore:
+            ret = cmd_db_restore();
+            break;
+        case kPosSetParamsFix:
+            ret = cmd_set_params_fix();
+            break;
+        default:
+            FINISH(RV_WARNING, usage_text(argv[0], kCommandList));
+    }
+    std::fflush(stdout);
+    return ret;
+}
+
+}  // namespace rv

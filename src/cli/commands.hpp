@@ -1,0 +1,25 @@
+// The command line of rv_db_update: the -v option, the selection of one of
+// the commands update, downgrade, db_backup, db_restore and set_params_fix by
+// its (possibly shortened) word, the usage texts, and the commands themselves.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace rv {
+
+// The command list; a first argument selects the command at whose position
+// it first occurs in this text.
+inline constexpr std::string_view kCommandList = "update|downgrade|db_backup|db_restore|set_params_fix";
+inline constexpr std::string_view kUsageList =
+    "update [{old_version} {new_version}]|downgrade|db_backup|db_restore|set_params_fix";
+
+// Runs the tool; returns the exit status of a command that ran to its end.
+// Fatal conditions and usage warnings end the process through FINISH.
+int rv_db_update_main(int argc, char** argv);
+
+// The main version of a release: cut after its last '.', the dot kept
+// ("2.0.1.5" -> "2.0.1."); a release without a dot stays whole.
+std::string main_version(std::string_view version);
+
+}  // namespace rv

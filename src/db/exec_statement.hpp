@@ -1,0 +1,14 @@
+// One SQL statement against the product database, with its console report:
+// the statement is printed, a failure is reported on the console, in the
+// trace and in the protocol log, and the run goes on.
+#pragma once
+
+#include <string_view>
+
+namespace rv {
+
+// Runs `cpStatement`. `cpDatabase` is accepted but not used: every statement
+// reaches the product database. Returns true when the statement succeeded.
+bool iExecDbStatement(std::string_view cpDatabase, std::string_view cpStatement);
+
+}  // namespace rv
