@@ -1,0 +1,166 @@
+#include "sys/process.hpp"
+
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "config/environment.hpp"
+#include "log/prot.hpp"
+#include "log/trace.hpp"
+
+extern char** environ;
+
+namespace rv {
+
+namespace {
+
+// Exit codes the child side and the shell give a meaning of their own.
+constexpr int kShellNotFoundCode = 127;
+constexpr int kSignalCodeFirst = 128;
+constexpr int kSignalCodeLast = 160;
+constexpr int kExecFailureBase = 160;
+
+// Control sockets of a remote-control connection; none is ever open here.
+int g_iSd1 = -1;
+int g_iSd2 = -1;
+volatile sig_atomic_t g_iEXITCODE = 0;
+
+void protocol_failure(const std::string& prefix, const std::string& text) {
+    switch (eLang) {
+        case LANG_DE:
+            PROT("E008-BASICS  Fehler bei Kommandoausführung %s: %s", prefix.c_str(), text.c_str());
+            break;
+        case LANG_BA:
+            PROT("E008-BASICS  Fehla bei da Kommandoausführung %s: %s", prefix.c_str(), text.c_str());
+            break;
+        default:
+            PROT("E008-BASICS  Error in command execution %s: %s", prefix.c_str(), text.c_str());
+            break;
+    }
+}
+
+// Child side: becomes the shell. Only async-signal-safe calls and _exit.
+[[noreturn]] void exec_shell(const char* command) {
+    char sh[] = "sh";
+    char dash_c[] = "-c";
+    char* const argv[] = {sh, dash_c, const_cast<char*>(command), nullptr};
+    execve("/bin/sh", argv, environ);
+    const int err = errno;
+    std::fprintf(stderr, "start_system (child): /bin/sh %s %s\n", "-c", command);
+    std::fprintf(stderr, "start_system (child): %s (%d)\n", std::strerror(err), err);
+    std::fflush(stderr);
+    _exit(kExecFailureBase + err);
+}
+
+}  // namespace
+
+int start_system(std::string& cpExe) {
+    if (!i_setenv_ravik(cpExe)) {
+        std::printf("error occured in i_setenv_ravik\n");
+        std::fflush(stdout);
+        return kStartSystemNoEnvironment;
+    }
+    std::string prefix = "start_system: " + cpExe;
+    if (prefix.size() > kStartSystemPrefixMax) {
+        prefix.resize(kStartSystemPrefixMax);
+    }
+    const std::string command = cpExe;
+
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid < 0) {
+        const int err = errno;
+        std::fprintf(stderr, "start_system: Unable to fork child process: %s (errno=%d)\n", std::strerror(err), err);
+        cpExe = std::string("unable to fork child process: ") + std::strerror(err);
+        protocol_failure(prefix, cpExe);
+        std::exit(1);
+    }
+    if (pid == 0) {
+        exec_shell(command.c_str());
+    }
+
+    int status = 0;
+    bool recorded = false;
+    while (waitpid(pid, &status, 0) < 0) {
+        const int err = errno;
+        std::fprintf(stderr, "start_system: no child to wait for! %s (errno=%d)\n", std::strerror(err), err);
+        cpExe = std::string("no child to wait for: ") + std::strerror(err);
+        protocol_failure(prefix, cpExe);
+        if (!recorded) {
+            status = kShellNotFoundCode << 8;
+            recorded = true;
+        }
+        // Waiting again helps only after an interruption; with the child
+        // gone for good it would never end.
+        if (err != EINTR) {
+            break;
+        }
+    }
+
+    const int code = (status >> 8) & 0xff;
+    if ((status & 0x7f) != 0) {
+        std::fprintf(stderr, "/bin/sh terminated abnormally %d...\n", WIFEXITED(status) ? 1 : 0);
+        cpExe = "/bin/sh terminated abnormally";
+        protocol_failure(prefix, cpExe);
+    }
+    if (WIFSIGNALED(status)) {
+        std::fprintf(stderr, "/bin/sh terminated due to receipt of a signal that was not caught: %d\n",
+                     WTERMSIG(status));
+        cpExe = "/bin/sh terminated due to receipt of a signal that was not caught: " +
+                std::to_string(WTERMSIG(status));
+        protocol_failure(prefix, cpExe);
+    }
+    if (code >= kSignalCodeFirst && code <= kSignalCodeLast) {
+        const int sig = code - kSignalCodeFirst;
+        std::fprintf(stderr, "exe terminated due to the receipt of a signal that was not caught: %d\n", sig);
+        cpExe = "terminated due to receipt of a signal that was not caught: " + std::to_string(sig);
+        protocol_failure(prefix, cpExe);
+    }
+    if (code > kExecFailureBase) {
+        std::fprintf(stderr, "exe %s could not start!\n", command.c_str());
+        errno = code - kExecFailureBase;
+        std::fprintf(stderr, "start_system: %s (%d)\n", std::strerror(errno), errno);
+        cpExe = std::string("could not start: ") + std::strerror(errno);
+        protocol_failure(prefix, cpExe);
+    }
+    if (code == kShellNotFoundCode) {
+        std::fprintf(stderr, "start_system: please check: %s (%d)\n", std::strerror(ENOENT), ENOENT);
+        cpExe = std::string("could not start: please check") + std::strerror(ENOENT);
+        protocol_failure(prefix, cpExe);
+    }
+    std::fflush(stderr);
+    return code;
+}
+
+void signal_handler(int signo) {
+    if (signo != SIGURG) {
+        return;
+    }
+    str_log log = local_log();
+    if (log.iFlg > 0) {
+        WRITE_TRACE(&log, "signal_handler: SIGURG received");
+    }
+    const int sd = g_iSd2 >= 0 ? g_iSd2 : g_iSd1;
+    unsigned char byte = 0;
+    if (sd < 0 || recv(sd, &byte, 1, MSG_OOB) != 1) {
+        return;
+    }
+    if (log.iFlg > 0) {
+        if (sd == g_iSd2) {
+            WRITE_TRACE(&log, "signal_handler: OOB signal received on Sd2:%d", byte);
+        } else {
+            WRITE_TRACE(&log, "signal_handler: OOB signal received on Sd1:%d", byte);
+        }
+    }
+    g_iEXITCODE = byte;
+}
+
+int remote_exit_code() { return g_iEXITCODE; }
+
+}  // namespace rv

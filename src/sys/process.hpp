@@ -1,0 +1,33 @@
+// Runs one shell command line as a child process ("/bin/sh -c"), after
+// preparing the product environment for it, and decodes how it ended. The
+// child inherits the tool's standard output and error; redirections belong
+// in the command line. One child at a time; the call waits for it.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace rv {
+
+// The error prefix "start_system: <command>" is cut to this length.
+inline constexpr std::size_t kStartSystemPrefixMax = 1023;
+// Returned when the environment for the child could not be prepared.
+inline constexpr int kStartSystemNoEnvironment = 999;
+
+// Runs `cpExe` and returns the child's exit code (0..255), or
+// kStartSystemNoEnvironment. Every abnormal end (shell not found, command not
+// found, killed by a signal) gives one standard-error line, one protocol-log
+// line and replaces `cpExe` by the error text. When no child process can be
+// created the tool ends with exit status 1.
+int start_system(std::string& cpExe);
+
+// Handler of out-of-band data on the product's remote-control connection:
+// on SIGURG it takes one byte from the open control socket as the remote
+// command's exit code. This tool opens no such connection and installs no
+// handler; the function exists for the product's library.
+void signal_handler(int signo);
+
+// Exit code received by signal_handler (0 until one arrives).
+int remote_exit_code();
+
+}  // namespace rv
