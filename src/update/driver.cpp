@@ -1,17 +1,239 @@
 #include "update/driver.hpp"
 
-#include <string>
+#include <cstdio>
+#include <cstdlib>
 
+#include "config/ini.hpp"
+#include "config/product.hpp"
+#include "db/exec_statement.hpp"
 #include "log/finish.hpp"
+#include "log/trace.hpp"
+#include "steps/change.hpp"
+#include "steps/command.hpp"
+#include "steps/unload.hpp"
+#include "sys/strings.hpp"
+#include "update/condition.hpp"
 
 namespace rv {
 
-// Not built yet: the script driver arrives with its own change. Running no
-// step and ending with status 0 would tell the operator the update was done,
-// so the section request ends the run with an error status line instead.
+namespace {
+
+// Current nesting of iDbUpdate calls.
+int iSectionDepth = 0;
+
+enum class Keyword { change, cmd, dump, exportTable, exit, import, rmdir, sql, skip, section, keyNotFound };
+
+Keyword keyword_of(std::string_view word) {
+    static constexpr std::pair<std::string_view, Keyword> kTable[] = {
+        {"change", Keyword::change}, {"cmd", Keyword::cmd},       {"dump", Keyword::dump},
+        {"export", Keyword::exportTable}, {"exit", Keyword::exit}, {"import", Keyword::import},
+        {"rmdir", Keyword::rmdir},   {"sql", Keyword::sql},       {"skip", Keyword::skip},
+        {"update", Keyword::section}, {"KEY_NOT_FOUND", Keyword::keyNotFound},
+    };
+    for (const auto& [name, keyword] : kTable) {
+        if (word == name) {
+            return keyword;
+        }
+    }
+    return Keyword::section;
+}
+
+void replace_first(std::string& word, std::string_view name, const std::string& value) {
+    if (const auto at = word.find(name); at != std::string::npos) {
+        word.replace(at, name.size(), value);
+    }
+}
+
+// Runs the step `expanded` for `keyword`; arguments start at `argStart`.
+// Returns 0 when the section is to end.
+int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart, int iStep) {
+    std::string database;
+    std::string rest;
+    const auto database_and_rest = [&] {
+        const std::size_t next = get_string(expanded, database, argStart, ' ');
+        get_string(expanded, rest, next, '\0');
+    };
+    switch (keyword) {
+        case Keyword::change:
+            get_string(expanded, rest, argStart, '\0');
+            std::printf("step=%d change table=%s\n", iStep, rest.c_str());
+            std::fflush(stdout);
+            db_change(rest);
+            break;
+        case Keyword::cmd:
+            get_string(expanded, rest, argStart, '\0');
+            std::printf("step=%d cmd=%s\n", iStep, rest.c_str());
+            std::fflush(stdout);
+            iCmdExecute(rest);
+            break;
+        case Keyword::dump:
+            database_and_rest();
+            std::printf("step=%d db=%s dump=%s\n", iStep, database.c_str(), rest.c_str());
+            std::fflush(stdout);
+            db_unload("dump", database, rest);
+            break;
+        case Keyword::exportTable:
+            database_and_rest();
+            std::printf("step=%d db=%s export=%s\n", iStep, database.c_str(), rest.c_str());
+            std::fflush(stdout);
+            db_unload("export", database, rest);
+            break;
+        case Keyword::exit:
+            if (strLog.iFlg > 0) {
+                WRITE_TRACE(&strLog, "--- PARSER breaks bcs. of keyword 'exit'");
+            }
+            return 0;
+        case Keyword::import:
+            database_and_rest();
+            std::printf("step=%d db=%s import=%s\n", iStep, database.c_str(), rest.c_str());
+            std::fflush(stdout);
+            db_load(database, rest);
+            break;
+        case Keyword::rmdir:
+            get_string(expanded, rest, argStart, '\0');
+            std::printf("step=%d rmdir=%s\n", iStep, rest.c_str());
+            std::fflush(stdout);
+            iRmDir(rest);
+            break;
+        case Keyword::sql:
+            database_and_rest();
+            std::printf("step=%d db=%s sql=%s\n", iStep, database.c_str(), rest.c_str());
+            std::fflush(stdout);
+            iExecDbStatement(database, rest);
+            break;
+        case Keyword::skip:
+            break;
+        case Keyword::section:
+            // The whole step text names the section, keyword included.
+            if (strLog.iFlg > 1) {
+                WRITE_TRACE(&strLog, "call iDbUpdate [%s]", expanded.c_str());
+            }
+            iDbUpdate(expanded);
+            break;
+        case Keyword::keyNotFound:
+            if (strLog.iFlg > 0) {
+                WRITE_TRACE(&strLog, "--- PARSER breaks bcs. of keyword 'KEY_NOT_FOUND'");
+            }
+            return 0;
+    }
+    return 1;
+}
+
+}  // namespace
+
+std::string expand_versions(std::string_view text) {
+    std::string expanded;
+    std::size_t pos = 0;
+    while (true) {
+        const auto blank = text.find(' ', pos);
+        std::string word(text.substr(pos, blank == std::string_view::npos ? std::string_view::npos : blank - pos));
+        if (strLog.iFlg > 2) {
+            WRITE_TRACE(&strLog, "got token: %s", word.c_str());
+        }
+        if (word.find("$old_version") != std::string::npos) {
+            replace_first(word, "$old_version", pathes.version_old);
+        } else {
+            replace_first(word, "$new_version", pathes.version);
+        }
+        if (pos > 0) {
+            expanded += ' ';
+        }
+        expanded += word;
+        if (blank == std::string_view::npos) {
+            break;
+        }
+        pos = blank + 1;
+    }
+    return str_trim(expanded);
+}
+
+int parser(std::string_view cpString, int iStep) {
+    const std::string line(cpString);
+    if (strLog.iFlg > 0) {
+        WRITE_TRACE(&strLog, "+++ PARSER %s  (%d)", line.c_str(), iStep);
+    }
+    std::string keyword;
+    std::size_t argStart = get_string(line, keyword, 0, ' ');
+    std::string command = line;
+    bool execute = true;
+
+    if (keyword == "[") {
+        std::string condition;
+        const std::size_t behindBracket = get_string(line, condition, 2, ']');
+        if (strLog.iFlg > 0) {
+            WRITE_TRACE(&strLog, "check condition: [%s]", condition.c_str());
+        }
+        if (line.find(" && ") == std::string::npos) {
+            if (strLog.iFlg > 0) {
+                WRITE_TRACE(&strLog, "WARNING: condition line in illegal format: %s", line.c_str());
+            }
+            print_condition_format_help(line);
+            // The condition text stands where the keyword belongs.
+            command.clear();
+            keyword = condition;
+            argStart = 0;
+        } else if (iCondition(condition)) {
+            if (strLog.iFlg > 0) {
+                WRITE_TRACE(&strLog, "condition is valid: %s", condition.c_str());
+            }
+            get_string(line, command, behindBracket + 4, '\0');
+            argStart = get_string(command, keyword, 0, ' ');
+        } else {
+            if (strLog.iFlg > 0) {
+                WRITE_TRACE(&strLog, "condition is not valid: %s", condition.c_str());
+            }
+            execute = false;
+        }
+    }
+
+    if (execute) {
+        const std::string expanded = expand_versions(command);
+        if (dispatch(keyword_of(keyword), expanded, argStart, iStep) == 0) {
+            return 0;
+        }
+    }
+    if (strLog.iFlg > 0) {
+        WRITE_TRACE(&strLog, "--- PARSER");
+    }
+    return 1;
+}
+
 int iDbUpdate(std::string_view cpVersion) {
-    FINISH(RV_ERROR, "iDbUpdate: the update script driver is not available in this build, section [" +
-                         std::string(cpVersion) + "] not run");
+    const std::string name(cpVersion);
+    if (iSectionDepth >= kMaxSectionDepth) {
+        FINISH(RV_ERROR, "iDbUpdate: sections nested deeper than " + std::to_string(kMaxSectionDepth) +
+                             ", section [" + name + "] not run (does a section call itself?)");
+    }
+    ++iSectionDepth;
+    if (strLog.iFlg > 0) {
+        WRITE_TRACE(&strLog, "+++ DbUpdate [%s]", name.c_str());
+    }
+    const std::string section = "[" + name + "]";
+    std::string step;
+    std::string msg;
+    i_GetPrivateProfileString(rvdb_ini, section, "last_step_nr", step, msg);
+    if (strLog.iFlg > 1) {
+        WRITE_TRACE(&strLog, "got last_step_nr: %s, szMsg: %s", step.c_str(), msg.c_str());
+    }
+    const int count = std::atoi(step.c_str());
+    for (int i = 1; i <= count; ++i) {
+        const std::string key = "step_" + std::to_string(i);
+        if (strLog.iFlg > 0) {
+            WRITE_TRACE(&strLog, "i_GetPrivateProfileString ( %s, %s, %s, szTmp )", rvdb_ini.c_str(),
+                        section.c_str(), key.c_str());
+        }
+        // A missing key leaves the buffer as it was: the previous step's
+        // text runs again under the new number.
+        i_GetPrivateProfileString(rvdb_ini, section, key, step, msg);
+        if (parser(step, i) == 0) {
+            break;
+        }
+    }
+    if (strLog.iFlg > 0) {
+        WRITE_TRACE(&strLog, "--- DbUpdate %s", name.c_str());
+    }
+    --iSectionDepth;
+    return 1;
 }
 
 }  // namespace rv
