@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdio>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,10 @@ inline constexpr const char* kDefaultPgsqlDir = "/usr/local/pgsql/bin/";
 // Returns false when the environment could not be prepared; the reason has
 // then been printed on standard output.
 bool i_setenv_ravik(std::string_view cpSystemCall);
+
+// Sends the messages of i_setenv_ravik to `stream` instead of standard
+// output (for programs whose standard output is data).
+void set_environment_report(std::FILE* stream);
 
 // Describes the parent process as "<command line> (PPID=<pid>)" from the
 // process list. Returns false (and reports) when the list cannot be read.

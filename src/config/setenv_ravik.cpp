@@ -1,5 +1,6 @@
 // Environment for child programs. Values are set with setenv, which copies
 // them, so nothing has to outlive this call.
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -11,6 +12,17 @@
 namespace rv {
 
 namespace {
+
+// Where the messages go: standard output, unless a program whose standard
+// output is data (the export tool) sends them elsewhere.
+std::FILE* gReport = stdout;
+
+__attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    std::vfprintf(gReport, format, args);
+    va_end(args);
+}
 
 // Only this much of the command line is looked at to classify it.
 constexpr std::size_t kClassifyLimit = 511;
@@ -51,7 +63,7 @@ ProgramClass classify(std::string_view call) {
 // caller always did) and returns false when that fails.
 bool set_variable(const char* name, const std::string& value, bool line_feed = true) {
     if (setenv(name, value.c_str(), 1) != 0) {
-        std::printf("error in putenv %s%s", (std::string(name) + "=" + value).c_str(), line_feed ? "\n" : "");
+        say("error in putenv %s%s", (std::string(name) + "=" + value).c_str(), line_feed ? "\n" : "");
         return false;
     }
     return true;
@@ -63,7 +75,7 @@ bool export_setting(const char* name, bool found, const std::string& value, bool
                     const char* missing_text) {
     if (!found) {
         if (required) {
-            std::printf("%s\n", missing_text);
+            say("%s\n", missing_text);
             return false;
         }
         return true;
@@ -80,6 +92,8 @@ bool read_path_key(const char* key, std::string& value, std::string& msg) {
 }
 
 }  // namespace
+
+void set_environment_report(std::FILE* stream) { gReport = stream; }
 
 bool i_setenv_ravik(std::string_view cpSystemCall) {
     const ProgramClass pc = classify(cpSystemCall);
@@ -101,14 +115,14 @@ bool i_setenv_ravik(std::string_view cpSystemCall) {
     }
     std::string ro_kvx;
     if (pc.media_server && !read_path_key("gv_ro_kvx", ro_kvx, msg)) {
-        std::printf("error in i_READ_INI gv_ro_kvx %s\n", msg.c_str());
+        say("error in i_READ_INI gv_ro_kvx %s\n", msg.c_str());
         return false;
     }
     std::string ro_db;
     std::string ro_pgsql;
     if (pc.database) {
         if (!read_path_key("gv_ro_db", ro_db, msg)) {
-            std::printf("error in i_READ_INI gv_ro_db %s\n", msg.c_str());
+            say("error in i_READ_INI gv_ro_db %s\n", msg.c_str());
             return false;
         }
         if (!read_path_key("gv_ro_pgsql", ro_pgsql, msg)) {
@@ -118,7 +132,7 @@ bool i_setenv_ravik(std::string_view cpSystemCall) {
 
     const char* path_env = std::getenv("PATH");
     if (path_env == nullptr) {
-        std::printf("error in getenv PATH\n");
+        say("error in getenv PATH\n");
         return false;
     }
     const std::string path(path_env);
@@ -132,13 +146,13 @@ bool i_setenv_ravik(std::string_view cpSystemCall) {
     if (len_bin + len_db + len_pgsql + len_kvx > 0) {
         // The database client directory is not counted here, as it never was.
         if (path.size() + len_db + len_bin + len_kvx >= kPathLimit) {
-            std::printf("iStrLenRoBin = %zu (0 means that string already in PATH)\n", len_bin);
-            std::printf("iStrLenRoDb  = %zu (0 means that string already in PATH)\n", len_db);
-            std::printf("iStrLenRoPgsql = %zu (0 means that string already in PATH)\n", len_pgsql);
-            std::printf("iStrLenRoKvx = %zu (0 means that string already in PATH)\n", len_kvx);
-            std::printf("iStrLenPath  = %zu\n", path.size());
-            std::printf("iSizeOfPath  = %zu\n", kPathLimit);
-            std::printf("length of string is not sufficient\n");
+            say("iStrLenRoBin = %zu (0 means that string already in PATH)\n", len_bin);
+            say("iStrLenRoDb  = %zu (0 means that string already in PATH)\n", len_db);
+            say("iStrLenRoPgsql = %zu (0 means that string already in PATH)\n", len_pgsql);
+            say("iStrLenRoKvx = %zu (0 means that string already in PATH)\n", len_kvx);
+            say("iStrLenPath  = %zu\n", path.size());
+            say("iSizeOfPath  = %zu\n", kPathLimit);
+            say("length of string is not sufficient\n");
             return false;
         }
         std::string new_path = path;
@@ -155,9 +169,9 @@ bool i_setenv_ravik(std::string_view cpSystemCall) {
 
     if (pc.netware) {
         const char* lib_env = std::getenv("LD_LIBRARY_PATH");
-        std::printf("check LD_LIBRARY_PATH=%s\n", lib_env ? lib_env : "");
+        say("check LD_LIBRARY_PATH=%s\n", lib_env ? lib_env : "");
         if (lib_env == nullptr) {
-            std::printf("didn't get LD_LIBRARY_PATH\n");
+            say("didn't get LD_LIBRARY_PATH\n");
         }
         const std::string lib(lib_env ? lib_env : "");
         if (lib.find(kNetwareLibDir) == std::string::npos) {
@@ -165,10 +179,10 @@ bool i_setenv_ravik(std::string_view cpSystemCall) {
             if (!set_variable("LD_LIBRARY_PATH", value_lib)) {
                 return false;
             }
-            std::printf("set LD_LIBRARY_PATH=%s\n", value_lib.c_str());
+            say("set LD_LIBRARY_PATH=%s\n", value_lib.c_str());
         }
     }
-    std::fflush(stdout);
+    std::fflush(gReport);
     return true;
 }
 

@@ -1,0 +1,469 @@
+#include "db/access.hpp"
+
+#include <libpq-fe.h>
+#include <unistd.h>
+
+#include <array>
+#include <cctype>
+#include <csignal>
+#include <cstring>
+#include <new>
+
+#include "config/environment.hpp"
+#include "db/dates.hpp"
+#include "db/records.hpp"
+#include "db/session.hpp"
+#include "db/signals.hpp"
+#include "log/prot.hpp"
+#include "sys/strings.hpp"
+
+// How a SIGQUIT (or a failing statement) gets back into iDB_ACCESS.
+//
+// The jump target is run_guarded below: it saves gSigenv and is the only
+// frame a jump lands in. signal_psql_handler jumps there in two cases: when
+// halt calls it after the session layer reported a failed connection or
+// statement, and when a SIGQUIT comes in. The frames that a jump crosses must
+// hold only objects without destructors, or their memory is lost. So:
+//  - SIGQUIT is blocked for the whole call. The session layer lets it through
+//    only while it waits for the server's socket (connecting, and waiting for
+//    the statement's answer), and run_guarded once more at the very end, so
+//    that a SIGQUIT that came while it was blocked still makes the statement
+//    fail. halt is reached only from the session layer's connectdb and
+//    doquery. A jump can therefore leave only the session layer,
+//    iPSQL_DO_SQL before its statement has been answered, and run_guarded.
+//  - Those frames hold plain pointers, characters, flags and a fixed
+//    std::array for the statement text. The connection and the result stay in
+//    the session layer's globals and are given back at the jump target (a
+//    statement still running on the server is cancelled there). The
+//    statement text, its accent positions, the trace context and the result
+//    strings live in iDB_ACCESS and its caller, above the jump target.
+// Everything that builds strings (tracing, the environment set-up, turning a
+// result into a record list or an export text) runs while SIGQUIT is blocked
+// and no call can halt.
+
+namespace rv {
+
+namespace {
+
+constexpr const char* kVersionId = "db_access 1.0";
+constexpr const char* kConnectOptions = "dbname=ravik_db";
+constexpr std::string_view kSelect = "select";
+constexpr std::string_view kFrom = " from ";
+constexpr std::string_view kGroupBy = "group by";
+constexpr std::string_view kCalculated[] = {"select count(", "select sum(", "select min(",
+                                            "select max("};
+constexpr char kLatin1Accent = '\xB4';
+
+// run_guarded's answer after a jump back.
+constexpr int kJumped = -1;
+
+void set_action(int signo, void (*handler)(int), struct sigaction* old) {
+    new_action = {};
+    new_action.sa_handler = handler;
+    sigemptyset(&new_action.sa_mask);
+    new_action.sa_flags = 0;
+    sigaction(signo, &new_action, old);
+}
+
+// Copies the statement into `out`, cut to kSqlStatementMax bytes, with the
+// accent at `accents` written in the connection's client encoding.
+void statement_for(PGconn* connection, const char* cpSqlCmd, std::span<const std::size_t> accents,
+                   std::array<char, kSqlStatementMax + 1>& out) {
+    const char* encoding = PQparameterStatus(connection, "client_encoding");
+    const std::string_view accent =
+        encoding != nullptr && std::strcmp(encoding, "UTF8") == 0 ? kAccentUtf8 : kAccentLatin1;
+    std::size_t used = 0;
+    std::size_t next = 0;
+    for (std::size_t in = 0; cpSqlCmd[in] != '\0'; ++in) {
+        std::string_view piece(cpSqlCmd + in, 1);
+        if (next < accents.size() && accents[next] == in) {
+            piece = accent;
+            ++next;
+        }
+        if (used + piece.size() > kSqlStatementMax) {
+            break;
+        }
+        std::memcpy(out.data() + used, piece.data(), piece.size());
+        used += piece.size();
+    }
+    out[used] = '\0';
+}
+
+// Direct return: runs the statement with the SIGQUIT handler installed and
+// returns 1 or 0. After a jump back: gives back the session and returns
+// kJumped. Only pointers and plain values cross into the jump region.
+int run_guarded(const char* statement, const std::span<const std::size_t>& accents, char cExportFlg,
+                std::string& cpMsg, DB_REC_LIS* pRL, str_log* strLogIn,
+                const sigset_t* entry_mask) {
+    if (sigsetjmp(gSigenv, giSaveSignal) != 0) {
+        release_session();
+        // Unlike the direct path the handler would stay installed here, and a
+        // later SIGQUIT would jump into a frame that is gone. A further
+        // SIGQUIT that came meanwhile still belongs to this call: ignoring
+        // the signal drops it, before the default action is back.
+        set_action(SIGQUIT, SIG_IGN, nullptr);
+        set_action(SIGQUIT, SIG_DFL, nullptr);
+        // A handler that the kernel entered left SIGQUIT blocked.
+        sigprocmask(SIG_SETMASK, entry_mask, nullptr);
+        return kJumped;
+    }
+    set_action(SIGQUIT, signal_psql_handler, nullptr);
+    i_setenv_ravik("psql");
+    const bool ok = iPSQL_DO_SQL(statement, cExportFlg, cpMsg, pRL, strLogIn, accents);
+    // A SIGQUIT held back since the statement ran is delivered here.
+    sigprocmask(SIG_SETMASK, entry_mask, nullptr);
+    set_action(SIGQUIT, SIG_DFL, nullptr);
+    return ok ? 1 : 0;
+}
+
+// E002 for the first record of a list, E004 for a further one.
+void protocol_no_memory(bool first, const std::string& szId) {
+    switch (eLang) {
+        case LANG_DE:
+            if (first) {
+                PROT("E002-DATABAS DB_SEL_FIRST %s: kann keine Memory allokieren.", szId.c_str());
+            } else {
+                PROT("E004-DATABAS DB_SEL_ALLOC %s: kann keine Memory allokieren.", szId.c_str());
+            }
+            break;
+        case LANG_BA:
+            if (first) {
+                PROT("E002-DATABAS DB_SEL_FIRST %s: ko koa Memory allokieren.", szId.c_str());
+            } else {
+                PROT("E004-DATABAS DB_SEL_ALLOC %s: ko koan Memory allokieren.", szId.c_str());
+            }
+            break;
+        default:
+            if (first) {
+                PROT("E002-DATABAS DB_SEL_FIRST %s: cannot allocate memory.", szId.c_str());
+            } else {
+                PROT("E004-DATABAS DB_SEL_ALLOC %s: cannot allocate memory.", szId.c_str());
+            }
+            break;
+    }
+}
+
+}  // namespace
+
+SqlForm sql_form(std::string_view cpSqlCmd, bool bExport) {
+    if (!cpSqlCmd.starts_with(kSelect)) {
+        return SqlForm::command;
+    }
+    std::string lower(cpSqlCmd);
+    lowercase(lower);
+    if (lower.find(kGroupBy) == std::string::npos) {
+        for (const std::string_view start : kCalculated) {
+            if (lower.starts_with(start)) {
+                return SqlForm::calculated;
+            }
+        }
+    }
+    return bExport ? SqlForm::export_text : SqlForm::record_list;
+}
+
+std::string select_table(std::string_view cpSqlCmd) {
+    const std::size_t from = cpSqlCmd.find(kFrom);
+    if (from == std::string_view::npos) {
+        return {};
+    }
+    std::size_t begin = from + kFrom.size();
+    while (begin < cpSqlCmd.size() && std::isspace(static_cast<unsigned char>(cpSqlCmd[begin]))) {
+        ++begin;
+    }
+    std::size_t end = begin;
+    while (end < cpSqlCmd.size() && end - begin < kTableNameMax &&
+           !std::isspace(static_cast<unsigned char>(cpSqlCmd[end]))) {
+        ++end;
+    }
+    return std::string(cpSqlCmd.substr(begin, end - begin));
+}
+
+void SQL_LOWERCASE(std::string& cpSqlCmd, str_log /*strLogIn*/) {
+    for (char& c : cpSqlCmd) {
+        if (c == '\'') {
+            break;
+        }
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+}
+
+bool CLEANUP_QUOTA(std::string& cpSqlCmd, str_log strLogIn, std::vector<std::size_t>* pAccents) {
+    std::string& s = cpSqlCmd;
+    bool changed = false;
+    if (s.starts_with("update")) {
+        std::size_t pos = 0;
+        while (s.size() > 1 && pos < s.size() - 1) {
+            std::size_t start = 0;
+            if (s.compare(pos, 2, "='") == 0) {
+                start = pos + 2;
+            } else if (s.compare(pos, 3, "= '") == 0) {
+                start = pos + 3;
+            } else {
+                ++pos;
+                continue;
+            }
+            if (strLogIn.iFlg > 2) {
+                WRITE_TRACE(&strLogIn, "found begin quote: %s", s.c_str() + start);
+            }
+            const std::size_t candidate = s.find('\'', start);
+            if (candidate == std::string::npos) {
+                pos = start;
+                continue;
+            }
+            if (strLogIn.iFlg > 2) {
+                WRITE_TRACE(&strLogIn, "found next quote: %s", s.c_str() + candidate);
+            }
+            std::size_t end = s.find('=', start);
+            if (end == std::string::npos) {
+                end = s.find("where", start);
+            }
+            if (end == std::string::npos) {
+                end = s.size();
+            }
+            if (strLogIn.iFlg > 2) {
+                WRITE_TRACE(&strLogIn, "check until next item: %s", s.c_str() + end);
+            }
+            // Every quote up to the item's end becomes the accent; the last one
+            // is then put back as the closing quote.
+            std::size_t last = std::string::npos;
+            for (std::size_t quote = candidate; quote != std::string::npos && quote < end;
+                 quote = s.find('\'', start)) {
+                s[quote] = kLatin1Accent;
+                if (strLogIn.iFlg > 2) {
+                    WRITE_TRACE(&strLogIn, "in while: change quote: %s", s.c_str() + quote);
+                }
+                if (pAccents != nullptr) {
+                    pAccents->push_back(quote);
+                }
+                last = quote;
+                ++start;
+            }
+            if (last != std::string::npos) {
+                s[last] = '\'';
+                if (pAccents != nullptr) {
+                    pAccents->pop_back();
+                }
+                if (strLogIn.iFlg > 2) {
+                    WRITE_TRACE(&strLogIn, "reset last quote: %s", s.c_str() + last);
+                }
+                if (last != candidate) {
+                    if (strLogIn.iFlg > 0) {
+                        WRITE_TRACE(&strLogIn,
+                                    "Warning: CLEANUP_QUOTA: exchanged extra ' in SQL statement");
+                    }
+                    changed = true;
+                }
+            }
+            pos = start + 1;
+        }
+    }
+    bool inside = false;
+    for (char& c : s) {
+        if (c == '\'') {
+            inside = !inside;
+        } else if (c == '"' && inside) {
+            c = '_';
+            if (strLogIn.iFlg > 0) {
+                WRITE_TRACE(&strLogIn, "Warning: CLEANUP_QUOTA: removed extra \" in SQL statement");
+            }
+            changed = true;
+        }
+    }
+    return !changed;
+}
+
+bool iDB_SEL_FIRST(DB_REC_LIS* pRL, std::string_view cpData, str_log strLogIn) {
+    if (strLogIn.iFlg > 2) {
+        WRITE_TRACE(&strLogIn, "+++ DB_SEL_FIRST  id=%s", pRL->szId.c_str());
+    }
+    try {
+        pRL->records.clear();
+        pRL->records.push_back({1, std::string(cpData)});
+    } catch (const std::bad_alloc&) {
+        if (strLogIn.iFlg > 0) {
+            WRITE_TRACE(&strLogIn, "DB_SEL_FIRST  cannot allocate memory");
+        }
+        if (strLogIn.iFlg > 2) {
+            WRITE_TRACE(&strLogIn, "--- DB_SEL_FIRST  cannot allocate memory");
+        }
+        protocol_no_memory(true, pRL->szId);
+        return false;
+    }
+    if (strLogIn.iFlg > 2) {
+        WRITE_TRACE(&strLogIn, "--- DB_SEL_FIRST  first record > %s <",
+                    pRL->records.front().cpData.c_str());
+    }
+    return true;
+}
+
+bool iDB_SEL_ALLOC(DB_REC_LIS* pRL, std::string_view cpData, str_log strLogIn) {
+    if (strLogIn.iFlg > 2) {
+        const std::string data(cpData);
+        WRITE_TRACE(&strLogIn, "+++ DB_SEL_ALLOC data:%s  id=%s", data.c_str(), pRL->szId.c_str());
+    }
+    if (pRL->records.empty()) {
+        if (strLogIn.iFlg > 2) {
+            WRITE_TRACE(&strLogIn,
+                        "--- DB_SEL_ALLOC the record-list is empty, cannot allocate a new element");
+        }
+        switch (eLang) {
+            case LANG_DE:
+            case LANG_BA:  // no dialect text of its own
+                PROT(
+                    "E003-DATABAS DB_SEL_ALLOC %s: die Recordsliste ist leer, kann kein neues "
+                    "Element allokieren",
+                    pRL->szId.c_str());
+                break;
+            default:
+                PROT(
+                    "E003-DATABAS DB_SEL_ALLOC %s: the recordlist is empty, cannot allocate a new "
+                    "element.",
+                    pRL->szId.c_str());
+                break;
+        }
+        return false;
+    }
+    try {
+        // Numbered by the count before it: the second record carries 1 too.
+        pRL->records.push_back({pRL->iRows(), std::string(cpData)});
+    } catch (const std::bad_alloc&) {
+        if (strLogIn.iFlg > 0) {
+            WRITE_TRACE(&strLogIn, "DB_SEL_ALLOC  cannot allocate memory");
+        }
+        if (strLogIn.iFlg > 2) {
+            WRITE_TRACE(&strLogIn, "--- DB_SEL_ALLOC  cannot allocate memory");
+        }
+        protocol_no_memory(false, pRL->szId);
+        return false;
+    }
+    if (strLogIn.iFlg > 2) {
+        WRITE_TRACE(&strLogIn, "--- DB_SEL_ALLOC new rec >%s<", pRL->records.back().cpData.c_str());
+    }
+    return true;
+}
+
+void signal_psql_handler(int /*signo*/) {
+    // See signal_db_handler: write(2), because any stdio call may have been cut.
+    [[maybe_unused]] const ssize_t written =
+        write(STDERR_FILENO, kSigquitText, sizeof kSigquitText - 1);
+    siglongjmp(gSigenv, kSignalJumpValue);
+}
+
+bool iPSQL_DO_SQL(const char* cpSqlCmd, char cExportFlg, std::string& cpMsg, DB_REC_LIS* pRL,
+                  str_log* strLogIn, std::span<const std::size_t> accents) {
+    // Inside the jump region up to doquery: nothing with a destructor here.
+    bool ok = true;
+    if (strLogIn->iFlg > 1) {
+        WRITE_TRACE(strLogIn, "+++ PSQL_DO_SQL psql_lib id=%s  SQL=%s",
+                    pRL != nullptr ? pRL->szId.c_str() : "", cpSqlCmd);
+    }
+    if (pRL != nullptr) {
+        pRL->records.clear();
+    }
+    PGconn* const connection = connectdb(kConnectOptions);
+
+    std::array<char, kSqlStatementMax + 1> statement;
+    statement_for(connection, cpSqlCmd, accents, statement);
+    const bool select = std::string_view(statement.data()).starts_with(kSelect);
+    if (select && strLogIn->iFlg > 2) {
+        WRITE_TRACE(strLogIn, "it's a SQL select");
+    }
+    if (strLogIn->iFlg > 1) {
+        WRITE_TRACE(strLogIn, "Librarycall:%s", statement.data());
+    }
+    PGresult* const result = doquery(statement.data());
+
+    // No jump can come from here on: SIGQUIT is held back and nothing halts.
+    if (!select) {
+        cpMsg = PQcmdTuples(result);
+    } else {
+        switch (sql_form(statement.data(), cExportFlg == 'y')) {
+            case SqlForm::calculated:
+                ok = iPSQL_GET_CALCULATED_VALUE(result, cpMsg, *strLogIn);
+                break;
+            case SqlForm::export_text: {
+                std::string table = select_table(statement.data());
+                if (table.ends_with(';')) {
+                    table.pop_back();
+                }
+                if (table.empty()) {
+                    cpMsg = "PSQL_DO_SQL: no table name (no \" from \") for the export text of: ";
+                    cpMsg += statement.data();
+                    ok = false;
+                } else {
+                    cpMsg = table;
+                    ok = iPSQL_MAKE_EXPORT_FILE(result, cpMsg, pRL, *strLogIn);
+                }
+                break;
+            }
+            default:
+                ok = iPSQL_MAKE_DB_REC_LIS(result, cpMsg, pRL, *strLogIn);
+                break;
+        }
+    }
+    disconnectdb();
+    if (strLogIn->iFlg > 1) {
+        WRITE_TRACE(strLogIn, "--- PSQL_DO_SQL  returns %d  msg=%s", ok ? 1 : 0, cpMsg.c_str());
+    }
+    return ok;
+}
+
+bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL, str_log strLogIn) {
+    if (cpSqlCmd.size() > 1 && (cpSqlCmd[0] == 'D' || cpSqlCmd[0] == 'M') && cpSqlCmd[1] == 'A') {
+        return iDB_CONVERT_DATE_TIME(cpSqlCmd, cpMsg, strLogIn);
+    }
+    std::string copy;
+    std::vector<std::size_t> accents;
+    try {
+        copy.assign(cpSqlCmd);
+    } catch (const std::bad_alloc&) {
+        cpMsg = "ERROR malloc() for local copy of cpSqlCmd failed";
+        if (strLogIn.iFlg > 0) {
+            WRITE_TRACE(&strLogIn, "%s", cpMsg.c_str());
+        }
+        return false;
+    }
+    if (strLogIn.iFlg > 0) {
+        if (pRL != nullptr) {
+            WRITE_TRACE(&strLogIn, "+++ DB_ACCESS id=%s  SQL=%s", pRL->szId.c_str(), copy.c_str());
+        } else {
+            WRITE_TRACE(&strLogIn, "+++ DB_ACCESS id=NULL  SQL=%s", copy.c_str());
+        }
+    }
+    if (strLogIn.iFlg > 1) {
+        WRITE_TRACE(&strLogIn, "%s", kVersionId);
+    }
+    SQL_LOWERCASE(copy, strLogIn);
+    if (!CLEANUP_QUOTA(copy, strLogIn, &accents) && strLogIn.iFlg > 0) {
+        WRITE_TRACE(&strLogIn, "WARNING: cpSqlCmd was changed to: %s", copy.c_str());
+    }
+    const char cExportFlg = cpMsg == "export" ? 'y' : 'n';
+    if (cExportFlg == 'n') {
+        cpMsg.clear();
+    }
+    i_setenv_ravik("pgsql");
+
+    set_action(SIGINT, SIG_DFL, &old_SIGINT_action);
+    set_action(SIGTERM, SIG_DFL, &old_SIGTERM_action);
+    sigset_t quit;
+    sigset_t entry_mask;
+    sigemptyset(&quit);
+    sigaddset(&quit, SIGQUIT);
+    sigprocmask(SIG_BLOCK, &quit, &entry_mask);
+    let_through_while_waiting({SIGQUIT});
+
+    const int result =
+        run_guarded(copy.c_str(), accents, cExportFlg, cpMsg, pRL, &strLogIn, &entry_mask);
+
+    sigaction(SIGINT, &old_SIGINT_action, nullptr);
+    sigaction(SIGTERM, &old_SIGTERM_action, nullptr);
+    if (result == kJumped) {
+        return false;
+    }
+    if (strLogIn.iFlg > 0) {
+        WRITE_TRACE(&strLogIn, "--- DB_ACCESS returns %d  msg=%s", result, cpMsg.c_str());
+    }
+    return result == 1;
+}
+
+}  // namespace rv

@@ -1,0 +1,203 @@
+#include "db/records.hpp"
+
+#include <libpq-fe.h>
+
+#include <cstdio>
+#include <new>
+
+#include "log/prot.hpp"
+
+namespace rv {
+
+namespace {
+
+constexpr std::string_view kNull = "NULL";
+
+// Per column: the name, "=", the value and the separator, with room to spare.
+constexpr std::size_t kRecordSlack = 4;
+
+std::string value_of(const PGresult* res, int row, int col) {
+    return std::string(PQgetvalue(res, row, col),
+                       static_cast<std::size_t>(PQgetlength(res, row, col)));
+}
+
+// Refuses a result with more columns than the name table holds.
+bool columns_fit(const PGresult* res, std::string& cpMsg, const char* cpFunction,
+                 const std::string& szId, str_log& strLogIn) {
+    if (PQnfields(res) <= kMaxColumns) {
+        return true;
+    }
+    cpMsg = "too much columns ( max " + std::to_string(kMaxColumns) + " )";
+    if (strLogIn.iFlg > 0) {
+        WRITE_TRACE(&strLogIn, "--- %s  ERROR: %s", cpFunction, cpMsg.c_str());
+    }
+    switch (eLang) {
+        case LANG_DE:
+            PROT("E017-DATABAS %s %s: zu viele Spalten", cpFunction, szId.c_str());
+            break;
+        case LANG_BA:
+            PROT("E017-DATABAS %s %s: z´vuil Spaltn", cpFunction, szId.c_str());
+            break;
+        default:
+            PROT("E017-DATABAS %s %s: too much columns.", cpFunction, szId.c_str());
+            break;
+    }
+    return false;
+}
+
+void trace_column_names(const PGresult* res, str_log& strLogIn) {
+    if (strLogIn.iFlg > 1) {
+        for (int col = 0; col < PQnfields(res); ++col) {
+            WRITE_TRACE(&strLogIn, "Column name %s", PQfname(res, col));
+        }
+    }
+}
+
+}  // namespace
+
+std::string record_text(const PGresult* res, int row) {
+    std::string text = "|";
+    for (int col = 0; col < PQnfields(res); ++col) {
+        text.append(PQfname(res, col)).append("=");
+        if (PQgetisnull(res, row, col)) {
+            text.append(kNull);
+        } else {
+            text.append(PQgetvalue(res, row, col),
+                        static_cast<std::size_t>(PQgetlength(res, row, col)));
+        }
+        text.append("|");
+    }
+    return text;
+}
+
+std::string export_line(const PGresult* res, int row, std::string_view table) {
+    std::string line = "INSERT INTO ";
+    line.append(table).append(" (");
+    for (int col = 0; col < PQnfields(res); ++col) {
+        line.append(col > 0 ? "," : "").append(PQfname(res, col));
+    }
+    line.append(") VALUES (");
+    for (int col = 0; col < PQnfields(res); ++col) {
+        line.append(col > 0 ? "," : "");
+        if (PQgetisnull(res, row, col)) {
+            line.append(kNull);
+        } else {
+            // A quote inside the value is doubled, so the line loads as the same value.
+            line.append("'");
+            for (const char c : value_of(res, row, col)) {
+                line.append(c == '\'' ? 2 : 1, c);
+            }
+            line.append("'");
+        }
+    }
+    line.append(");\n");
+    return line;
+}
+
+bool iPSQL_GET_CALCULATED_VALUE(const PGresult* res, std::string& cpMsg, str_log strLogIn) {
+    if (strLogIn.iFlg > 1) {
+        WRITE_TRACE(&strLogIn, "+++ PSQL_GET_CALCULATED_VALUE");
+    }
+    cpMsg.clear();
+    if (PQntuples(res) > 0 && PQnfields(res) > 0) {
+        cpMsg = value_of(res, 0, 0);
+    }
+    if (strLogIn.iFlg > 1) {
+        WRITE_TRACE(&strLogIn, "--- PSQL_GET_CALCULATED_VALUE  returns %d  value=%s", 1,
+                    cpMsg.c_str());
+    }
+    return true;
+}
+
+bool iPSQL_MAKE_DB_REC_LIS(const PGresult* res, std::string& cpMsg, DB_REC_LIS* pRL,
+                           str_log strLogIn) {
+    const std::string szId = pRL != nullptr ? pRL->szId : std::string();
+    if (strLogIn.iFlg > 1) {
+        WRITE_TRACE(&strLogIn, "+++ iPSQL_MAKE_DB_REC_LIS  id=%s", szId.c_str());
+    }
+    if (!columns_fit(res, cpMsg, "PSQL_MAKE_DB_REC_LIS", szId, strLogIn)) {
+        return false;
+    }
+    trace_column_names(res, strLogIn);
+    if (strLogIn.iFlg > 2) {
+        WRITE_TRACE(&strLogIn, "read the values");
+    }
+    const int rows = PQntuples(res);
+    for (int row = 0; pRL != nullptr && row < rows; ++row) {
+        std::size_t size = 0;
+        for (int col = 0; col < PQnfields(res); ++col) {
+            const std::size_t value = PQgetisnull(res, row, col)
+                                          ? kNull.size()
+                                          : static_cast<std::size_t>(PQgetlength(res, row, col));
+            size += std::string_view(PQfname(res, col)).size() + 1 + kRecordSlack + value;
+        }
+        if (strLogIn.iFlg > 1) {
+            WRITE_TRACE(&strLogIn, "Record size %zu", size);
+        }
+        try {
+            const std::string text = record_text(res, row);
+            if (strLogIn.iFlg > 2) {
+                WRITE_TRACE(&strLogIn, "Value: %s", text.c_str());
+            }
+            const bool added =
+                row == 0 ? iDB_SEL_FIRST(pRL, text, strLogIn) : iDB_SEL_ALLOC(pRL, text, strLogIn);
+            if (!added) {
+                return false;
+            }
+        } catch (const std::bad_alloc&) {
+            cpMsg = "cannot allocate memory  ( " + std::to_string(size) + " bytes)";
+            if (strLogIn.iFlg > 1) {
+                WRITE_TRACE(&strLogIn, "--- PSQL_MAKE_DB_REC_LIS  error: %s", cpMsg.c_str());
+            }
+            switch (eLang) {
+                case LANG_DE:
+                    PROT("E011-DATABAS %s %s: kann keine Memory allokieren  ( %zu Bytes)",
+                         "PSQL_MAKE_REC_LIS", szId.c_str(), size);
+                    break;
+                case LANG_BA:
+                    PROT("E011-DATABAS %s %s: ko koan Memory allokieren ( %zu Bytes )",
+                         "PSQL_MAKE_REC_LIS", szId.c_str(), size);
+                    break;
+                default:
+                    PROT("E011-DATABAS %s %s: cannot allocate memory  ( %zu Bytes)",
+                         "PSQL_MAKE_REC_LIS", szId.c_str(), size);
+                    break;
+            }
+            return false;
+        }
+    }
+    cpMsg = std::to_string(rows);
+    if (strLogIn.iFlg > 1) {
+        WRITE_TRACE(&strLogIn, "--- PSQL_MAKE_DB_REC_LIS   rows=%s", cpMsg.c_str());
+    }
+    return true;
+}
+
+bool iPSQL_MAKE_EXPORT_FILE(const PGresult* res, std::string& cpMsg, DB_REC_LIS* pRL,
+                            str_log strLogIn) {
+    if (strLogIn.iFlg > 1) {
+        WRITE_TRACE(&strLogIn, "+++ iPSQL_MAKE_EXPORT_FILE");
+    }
+    if (strLogIn.iFlg > 2) {
+        WRITE_TRACE(&strLogIn, "read the columns");
+    }
+    const std::string table = cpMsg;
+    if (!columns_fit(res, cpMsg, "PSQL_MAKE_EXPORT_FILE", pRL != nullptr ? pRL->szId : table,
+                     strLogIn)) {
+        return false;
+    }
+    trace_column_names(res, strLogIn);
+    const int rows = PQntuples(res);
+    for (int row = 0; row < rows; ++row) {
+        std::fputs(export_line(res, row, table).c_str(), stdout);
+        std::fflush(stdout);
+    }
+    std::printf("\n-- %d rows found \n", rows);
+    std::fflush(stdout);
+    if (strLogIn.iFlg > 1) {
+        WRITE_TRACE(&strLogIn, "--- iPSQL_MAKE_EXPORT_FILE");
+    }
+    return true;
+}
+
+}  // namespace rv
