@@ -228,7 +228,9 @@ bool resolve_glbv(std::string& file) {
     }
     std::string value;
     glbv('r', name, value);
-    if (!value.empty() && value[0] == '?') {
+    // Without a directory for global variables glbv answers with the fatal
+    // text, which is no value either.
+    if ((!value.empty() && value[0] == '?') || value == fatal_text()) {
         return false;
     }
     file = value + rest;
