@@ -1,24 +1,166 @@
 #include "steps/unload.hpp"
 
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "config/product.hpp"
+#include "log/finish.hpp"
+#include "log/prot.hpp"
+#include "log/trace.hpp"
+#include "steps/psql_dump.hpp"
 
 namespace rv {
 
-// Not built yet: dumps, exports and imports arrive with the psql client and
-// the loader. The step fails and says so; the update goes on, as after any
-// failed step, but nothing pretends a table was saved or loaded.
-int db_unload(std::string_view cpMode, std::string_view /*cpDatabase*/, std::string_view cpTable) {
-    std::printf("db_unload: %.*s is not available in this build, nothing written for %.*s\n",
-                static_cast<int>(cpMode.size()), cpMode.data(), static_cast<int>(cpTable.size()), cpTable.data());
-    std::fflush(stdout);
-    return 0;
+namespace {
+
+struct PipeCloser {
+    void operator()(std::FILE* fp) const { pclose(fp); }
+};
+
+// Calls `handle` for every name of the comma-separated list `cpTable`; an
+// empty name (a trailing ",") ends the list. Stops when `handle` is false.
+template <typename Handle>
+bool for_each_table(std::string_view cpTable, Handle handle) {
+    std::size_t pos = 0;
+    while (pos < cpTable.size()) {
+        const auto comma = cpTable.find(',', pos);
+        const std::string table(cpTable.substr(pos, comma == std::string_view::npos ? std::string_view::npos
+                                                                                      : comma - pos));
+        if (table.empty()) {
+            return true;  // a trailing "," ends the list
+        }
+        if (!handle(table)) {
+            return false;
+        }
+        if (comma == std::string_view::npos) {
+            break;
+        }
+        pos = comma + 1;
+    }
+    return true;
 }
 
-int db_load(std::string_view /*cpDatabase*/, std::string_view cpTable) {
-    std::printf("db_load: import is not available in this build, nothing loaded into %.*s\n",
-                static_cast<int>(cpTable.size()), cpTable.data());
+bool read_line(std::FILE* fp, std::string& line) {
+    line.clear();
+    int c;
+    while ((c = std::getc(fp)) != EOF) {
+        line.push_back(static_cast<char>(c));
+        if (c == '\n') {
+            return true;
+        }
+    }
+    return !line.empty();
+}
+
+}  // namespace
+
+int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_view cpTable) {
+    const std::string mode(cpMode);
+    const std::string list(cpTable);
+    (void)cpDatabase;
+    if (strLog.iFlg > 0) {
+        WRITE_TRACE(&strLog, "+++ db_unload %s for [%s]", mode.c_str(), list.c_str());
+    }
+    const bool all = for_each_table(cpTable, [&](const std::string& table) {
+        if (mode == "export") {
+            const std::string cmd = pathes.bin_ravik + "rv_db \"select * from " + table + "\" -e > " +
+                                    pathes.var_work + "db_" + table + ".tmp";
+            std::fflush(nullptr);
+            const int status = std::system(cmd.c_str());
+            if (strLog.iFlg > 0) {
+                WRITE_TRACE(&strLog, "export %s returned exit state %d", table.c_str(), status);
+            }
+            if (strLog.iVerify == 0) {
+                std::printf("export %s returned exit state %d\n", table.c_str(), status);
+            }
+            return true;
+        }
+        const std::string sql = "select distinct * from " + table;
+        std::string msg;
+        if (iSELECT_INTO_TEMP_FILE(table, sql, msg)) {
+            if (strLog.iFlg > 0) {
+                WRITE_TRACE(&strLog, "select %s rows from %s", msg.c_str(), table.c_str());
+            }
+            if (strLog.iVerify == 0) {
+                std::printf("select %s rows from %s\n", msg.c_str(), table.c_str());
+            }
+            return true;
+        }
+        trap_db_err(sql, msg, strLog, 0);
+        if (strLog.iFlg > 0) {
+            WRITE_TRACE(&strLog, "got error from statement %s", sql.c_str());
+        }
+        if (strLog.iVerify == 0) {
+            std::printf("got error from %s select statement\n", table.c_str());
+        }
+        return false;
+    });
     std::fflush(stdout);
+    if (!all) {
+        return 0;
+    }
+    if (strLog.iFlg > 0) {
+        WRITE_TRACE(&strLog, "--- db_unload done %s", mode.c_str());
+    }
     return 1;
+}
+
+int db_load(std::string_view cpDatabase, std::string_view cpTable) {
+    (void)cpDatabase;
+    const std::string list(cpTable);
+    if (strLog.iFlg > 0) {
+        WRITE_TRACE(&strLog, "+++ import for %s", list.c_str());
+    }
+    int status = 0;
+    for_each_table(cpTable, [&](const std::string& table) {
+        if (strLog.iFlg > 0) {
+            WRITE_TRACE(&strLog, "load values into table %s", table.c_str());
+        }
+        if (strLog.iVerify == 0) {
+            std::printf("load values into table %s\n", table.c_str());
+        }
+        if (strLog.iFlg > 1) {
+            WRITE_TRACE(&strLog, "get values from file: %sdb_%s.tmp", pathes.var_work.c_str(), table.c_str());
+        }
+        const std::string cmd =
+            pathes.bin_db + "oaisql -c " + pathes.var_work + "db_" + table + ".tmp -e 2>&1";
+        std::fflush(nullptr);
+        std::unique_ptr<std::FILE, PipeCloser> pipe(popen(cmd.c_str(), "r"));
+        if (!pipe) {
+            FINISH(RV_ERROR, "ERROR: Import could not start " + cmd);
+        }
+        int errors = 0;
+        std::string line;
+        while (read_line(pipe.get(), line)) {
+            if (strLog.iVerify == 0) {
+                std::fputs(line.c_str(), stdout);
+            }
+            for (int i = 0; i < 2 && !line.empty() && (line.back() == '\n' || line.back() == '\r'); ++i) {
+                line.pop_back();
+            }
+            if (strLog.iFlg > 0) {
+                WRITE_TRACE(&strLog, "%s", line.c_str());
+            }
+            if (line.find("Error") != std::string::npos) {
+                ++errors;
+            }
+        }
+        status = pclose(pipe.release());
+        if (strLog.iFlg > 0) {
+            WRITE_TRACE(&strLog, "import %s returned exit state %d with %d errors", table.c_str(), status, errors);
+        }
+        if (strLog.iVerify == 0) {
+            std::printf("import %s returned exit state %d with %d errors\n", table.c_str(), status, errors);
+        }
+        std::fflush(stdout);
+        return true;
+    });
+    if (strLog.iFlg > 0) {
+        WRITE_TRACE(&strLog, "+++ import done for %s", list.c_str());
+    }
+    return status;
 }
 
 }  // namespace rv

@@ -60,82 +60,90 @@ void protocol_failure(const std::string& prefix, const std::string& text) {
 
 }  // namespace
 
-int start_system(std::string& cpExe) {
+bool spawn_shell(const std::string& cpExe, ShellChild& child) {
     if (!i_setenv_ravik(cpExe)) {
         std::printf("error occured in i_setenv_ravik\n");
         std::fflush(stdout);
-        return kStartSystemNoEnvironment;
+        return false;
     }
-    std::string prefix = "start_system: " + cpExe;
-    if (prefix.size() > kStartSystemPrefixMax) {
-        prefix.resize(kStartSystemPrefixMax);
+    child.command = cpExe;
+    child.prefix = "start_system: " + cpExe;
+    if (child.prefix.size() > kStartSystemPrefixMax) {
+        child.prefix.resize(kStartSystemPrefixMax);
     }
-    const std::string command = cpExe;
-
     std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid < 0) {
+    child.pid = fork();
+    if (child.pid < 0) {
         const int err = errno;
         std::fprintf(stderr, "start_system: Unable to fork child process: %s (errno=%d)\n", std::strerror(err), err);
-        cpExe = std::string("unable to fork child process: ") + std::strerror(err);
-        protocol_failure(prefix, cpExe);
+        protocol_failure(child.prefix, std::string("unable to fork child process: ") + std::strerror(err));
         std::exit(1);
     }
-    if (pid == 0) {
-        exec_shell(command.c_str());
+    if (child.pid == 0) {
+        exec_shell(child.command.c_str());
     }
+    return true;
+}
 
-    int status = 0;
-    bool recorded = false;
-    while (waitpid(pid, &status, 0) < 0) {
-        const int err = errno;
-        std::fprintf(stderr, "start_system: no child to wait for! %s (errno=%d)\n", std::strerror(err), err);
-        cpExe = std::string("no child to wait for: ") + std::strerror(err);
-        protocol_failure(prefix, cpExe);
-        if (!recorded) {
-            status = kShellNotFoundCode << 8;
-            recorded = true;
-        }
-        // Waiting again helps only after an interruption; with the child
-        // gone for good it would never end.
-        if (err != EINTR) {
-            break;
-        }
-    }
+void report_wait_failure(const ShellChild& child, int err, std::string& cpExe) {
+    std::fprintf(stderr, "start_system: no child to wait for! %s (errno=%d)\n", std::strerror(err), err);
+    cpExe = std::string("no child to wait for: ") + std::strerror(err);
+    protocol_failure(child.prefix, cpExe);
+}
 
+int decode_child_status(const ShellChild& child, int status, std::string& cpExe) {
     const int code = (status >> 8) & 0xff;
     if ((status & 0x7f) != 0) {
         std::fprintf(stderr, "/bin/sh terminated abnormally %d...\n", WIFEXITED(status) ? 1 : 0);
         cpExe = "/bin/sh terminated abnormally";
-        protocol_failure(prefix, cpExe);
+        protocol_failure(child.prefix, cpExe);
     }
     if (WIFSIGNALED(status)) {
         std::fprintf(stderr, "/bin/sh terminated due to receipt of a signal that was not caught: %d\n",
                      WTERMSIG(status));
         cpExe = "/bin/sh terminated due to receipt of a signal that was not caught: " +
                 std::to_string(WTERMSIG(status));
-        protocol_failure(prefix, cpExe);
+        protocol_failure(child.prefix, cpExe);
     }
     if (code >= kSignalCodeFirst && code <= kSignalCodeLast) {
         const int sig = code - kSignalCodeFirst;
         std::fprintf(stderr, "exe terminated due to the receipt of a signal that was not caught: %d\n", sig);
         cpExe = "terminated due to receipt of a signal that was not caught: " + std::to_string(sig);
-        protocol_failure(prefix, cpExe);
+        protocol_failure(child.prefix, cpExe);
     }
     if (code > kExecFailureBase) {
-        std::fprintf(stderr, "exe %s could not start!\n", command.c_str());
+        std::fprintf(stderr, "exe %s could not start!\n", child.command.c_str());
         errno = code - kExecFailureBase;
         std::fprintf(stderr, "start_system: %s (%d)\n", std::strerror(errno), errno);
         cpExe = std::string("could not start: ") + std::strerror(errno);
-        protocol_failure(prefix, cpExe);
+        protocol_failure(child.prefix, cpExe);
     }
     if (code == kShellNotFoundCode) {
         std::fprintf(stderr, "start_system: please check: %s (%d)\n", std::strerror(ENOENT), ENOENT);
         cpExe = std::string("could not start: please check") + std::strerror(ENOENT);
-        protocol_failure(prefix, cpExe);
+        protocol_failure(child.prefix, cpExe);
     }
     std::fflush(stderr);
     return code;
+}
+
+int start_system(std::string& cpExe) {
+    ShellChild child;
+    if (!spawn_shell(cpExe, child)) {
+        return kStartSystemNoEnvironment;
+    }
+    int status = 0;
+    while (waitpid(child.pid, &status, 0) < 0) {
+        const int err = errno;
+        report_wait_failure(child, err, cpExe);
+        // Waiting again helps only after an interruption; with the child
+        // gone for good it would never end.
+        if (err != EINTR) {
+            status = kShellNotFoundCode << 8;
+            break;
+        }
+    }
+    return decode_child_status(child, status, cpExe);
 }
 
 void signal_handler(int signo) {

@@ -1,0 +1,360 @@
+#include "steps/psql_dump.hpp"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csetjmp>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+#include "config/glbv.hpp"
+#include "db/signals.hpp"
+#include "sys/atomic_file.hpp"
+#include "sys/files.hpp"
+#include "sys/process.hpp"
+#include "sys/strings.hpp"
+
+namespace rv {
+
+namespace {
+
+struct FileCloser {
+    void operator()(std::FILE* fp) const { std::fclose(fp); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// Characters the shell would act on inside the client's double-quoted -c
+// argument: a statement holding one is refused rather than changed.
+constexpr std::string_view kShellActive = "\"$`\\";
+
+// A product directory: the global variable `name`, or else the [PATHES] key
+// of that name; "" when neither is known.
+std::string product_dir(const std::string& name) {
+    std::string dir = name + ":";
+    if (resolve_glbv(dir)) {
+        return dir;
+    }
+    resolve_path(dir);
+    return dir == name + ":" ? std::string() : dir;
+}
+
+bool read_line(std::FILE* fp, std::string& line) {
+    line.clear();
+    int c;
+    while ((c = std::getc(fp)) != EOF) {
+        if (c == '\n') {
+            return true;
+        }
+        line.push_back(static_cast<char>(c));
+    }
+    return !line.empty();
+}
+
+std::vector<std::string> split_fields(const std::string& line) {
+    std::vector<std::string> fields;
+    std::size_t pos = 0;
+    while (true) {
+        const auto bar = line.find('|', pos);
+        fields.push_back(line.substr(pos, bar == std::string::npos ? std::string::npos : bar - pos));
+        if (bar == std::string::npos) {
+            return fields;
+        }
+        pos = bar + 1;
+    }
+}
+
+// The client's row count footer: exactly "(N rows)" or "(1 row)".
+bool parse_footer(const std::string& line, long& count) {
+    char tail[8] = {};
+    int used = 0;
+    if (std::sscanf(line.c_str(), "(%ld %6[rows])%n", &count, tail, &used) != 2 ||
+        static_cast<std::size_t>(used) != line.size()) {
+        return false;
+    }
+    return std::string_view(tail) == "rows" || (std::string_view(tail) == "row" && count == 1);
+}
+
+// Waits for the client. A quit signal makes signal_db_handler jump back
+// into this frame from inside waitpid; nothing here has a destructor, so
+// nothing is skipped by the jump. Returns kSignalJumpValue when broken off.
+int wait_for_client(pid_t pid, int* status) {
+    if (sigsetjmp(gSigenv, giSaveSignal) == kSignalJumpValue) {
+        // The handler ran with the quit signal blocked and did not return.
+        sigset_t quit;
+        sigemptyset(&quit);
+        sigaddset(&quit, SIGQUIT);
+        sigprocmask(SIG_UNBLOCK, &quit, nullptr);
+        std::signal(SIGQUIT, SIG_DFL);
+        return kSignalJumpValue;
+    }
+    struct sigaction action {};
+    action.sa_handler = signal_db_handler;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGQUIT, &action, nullptr);
+    int r;
+    while ((r = waitpid(pid, status, 0)) < 0 && errno == EINTR) {
+    }
+    std::signal(SIGQUIT, SIG_DFL);
+    return r;
+}
+
+enum class RunResult { finished, interrupted, refused };
+
+// Runs the client command line `cmd`; when `interruptible`, a quit signal
+// breaks the wait off (the client is then stopped and reaped).
+RunResult run_client(std::string cmd, bool interruptible) {
+    if (!interruptible) {
+        return start_system(cmd) == kStartSystemNoEnvironment ? RunResult::refused : RunResult::finished;
+    }
+    ShellChild child;
+    if (!spawn_shell(cmd, child)) {
+        return RunResult::refused;
+    }
+    int status = 0;
+    const int r = wait_for_client(child.pid, &status);
+    if (r == kSignalJumpValue) {
+        kill(child.pid, SIGTERM);
+        while (waitpid(child.pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        return RunResult::interrupted;
+    }
+    if (r < 0) {
+        report_wait_failure(child, errno, cmd);
+        status = 127 << 8;
+    }
+    decode_child_status(child, status, cmd);
+    return RunResult::finished;
+}
+
+bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg, str_log strTrace,
+            bool interruptible, bool& interrupted) {
+    const std::string id(cpId);
+    const std::string sql(cpSqlCmd);
+    if (strTrace.iFlg > 0) {
+        WRITE_TRACE(&strTrace, "+++ PGSQL_DO_SQL   %s  %s ", id.c_str(), sql.c_str());
+    }
+    const auto fail = [&](const std::string& msg) {
+        cpMsg = msg;
+        if (strTrace.iFlg > 0) {
+            WRITE_TRACE(&strTrace, "--- PGSQL_DO_SQL Return 0: %s  %s ", sql.c_str(), cpMsg.c_str());
+        }
+        return false;
+    };
+    if (sql.find_first_of(kShellActive) != std::string::npos) {
+        return fail("iPGSQL_DO_SQL: statement holds a character the shell would change (\" $ ` \\): " + sql);
+    }
+    const std::string tmpDir = product_dir("gv_rw_tmp");
+    if (tmpDir.empty()) {
+        return fail("iPGSQL_DO_SQL: directory gv_rw_tmp unknown (neither global variable nor rv.ini key)");
+    }
+    const std::string sqi = tmpDir + id + ".sqi";
+    const std::string sqo = tmpDir + id + ".sqo";
+    {
+        FilePtr in(std::fopen(sqi.c_str(), "w"));
+        if (!in) {
+            if (strTrace.iFlg > 0) {
+                WRITE_TRACE(&strTrace, "--- PGSQL_DO_SQL  cannot open file %s to write", sqi.c_str());
+            }
+            return false;
+        }
+        std::fprintf(in.get(), "%s\n", sql.c_str());
+        if (std::fclose(in.release()) != 0) {
+            i_FILE_CLOSE(errno);
+        }
+    }
+
+    const std::string cmd = "psql -e -d ravik_db -P null=NULL -A -c \"" + sql + "\" 2>&1 > " + sqo;
+    if (strTrace.iFlg > 0) {
+        WRITE_TRACE(&strTrace, "Systemcall: %s ", cmd.c_str());
+    }
+    // An answer left from an earlier run must not be taken for this one.
+    std::remove(sqo.c_str());
+    switch (run_client(cmd, interruptible)) {
+        case RunResult::interrupted:
+            interrupted = true;
+            return false;
+        case RunResult::refused:
+            return fail("iPGSQL_DO_SQL: the environment for the database client could not be prepared");
+        case RunResult::finished:
+            break;
+    }
+
+    std::string answer = " rows)|OR| row)";
+    if (!file_search(sqo, answer)) {
+        answer = "INSERT |OR|UPDATE ";
+        if (!file_search(sqo, answer)) {
+            std::string error = "ERROR:^";
+            return fail(file_search(sqo, error)
+                            ? error
+                            : "didn't find expected strings in database answer; please examine file " + sqo);
+        }
+    }
+    if (strTrace.iFlg > 0) {
+        WRITE_TRACE(&strTrace, "answer from database: %s ", answer.c_str());
+    }
+    cpMsg = answer;
+    const bool ok = iPGSQL_MAKE_DB_GET_FILE(id, sqo, cpMsg, strTrace);
+    if (ok) {
+        std::remove(sqi.c_str());
+        std::remove(sqo.c_str());
+    }
+    if (strTrace.iFlg > 0) {
+        WRITE_TRACE(&strTrace, "--- PGSQL_DO_SQL   %s ", cpMsg.c_str());
+    }
+    return ok;
+}
+
+}  // namespace
+
+std::string table_image_path(std::string_view cpId) {
+    const std::string dir = product_dir("gv_rw_work");
+    return dir.empty() ? std::string() : dir + "db_" + std::string(cpId) + ".tmp";
+}
+
+bool iSELECT_INTO_TEMP_FILE(std::string_view cpId, std::string_view cpSql, std::string& cpMsg) {
+    if (strLog.iFlg > 0) {
+        const std::string id(cpId);
+        const std::string sql(cpSql);
+        WRITE_TRACE(&strLog, "+++ iSELECT_INTO_TEMP_FILE  id:%s sql:%s", id.c_str(), sql.c_str());
+    }
+    bool interrupted = false;
+    const bool ok = do_sql(cpId, cpSql, cpMsg, strLog, true, interrupted);
+    if (interrupted) {
+        return false;
+    }
+    if (strLog.iFlg > 0) {
+        WRITE_TRACE(&strLog, "--- iSELECT_INTO_TEMP_FILE  returns %d  msg:%s", ok ? 1 : 0, cpMsg.c_str());
+    }
+    return ok;
+}
+
+bool iPGSQL_DO_SQL(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg, str_log strTrace) {
+    bool interrupted = false;
+    return do_sql(cpId, cpSqlCmd, cpMsg, strTrace, false, interrupted);
+}
+
+bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutFile, std::string& cpMsg,
+                             str_log strTrace) {
+    const std::string id(cpId);
+    if (strTrace.iFlg > 0) {
+        WRITE_TRACE(&strTrace, "+++ iPGSQL_MAKE_DB_GET_FILE");
+    }
+    const std::string image = table_image_path(id);
+    // Every failure leaves no image behind: neither a half-written one nor
+    // an older one that a later import would load instead.
+    const auto fail = [&](const std::string& msg) {
+        cpMsg = msg;
+        if (!image.empty()) {
+            std::remove(image.c_str());
+        }
+        if (strTrace.iFlg > 0) {
+            WRITE_TRACE(&strTrace, "--- PGSQL_MAKE_DB_GET_FILE returns -1: %s ", cpMsg.c_str());
+        }
+        return false;
+    };
+    if (image.empty()) {
+        return fail("iPGSQL_MAKE_DB_GET_FILE: directory gv_rw_work unknown (neither global variable nor rv.ini key)");
+    }
+    AtomicFile out(image);
+    if (!out.ok()) {
+        return fail("Can't open file " + image + " to write");
+    }
+    FilePtr in(std::fopen(cpSqlOutFile.c_str(), "r"));
+    if (!in) {
+        return fail("Can't open file " + cpSqlOutFile + " to read");
+    }
+    std::string line;
+    read_line(in.get(), line);  // the echoed statement
+    if (!read_line(in.get(), line)) {
+        return fail("Can't find lines with column-names");
+    }
+    const std::vector<std::string> names = split_fields(line);
+    for (const auto& name : names) {
+        if (strTrace.iFlg > 2) {
+            WRITE_TRACE(&strTrace, "column: %s ", name.c_str());
+        }
+    }
+    if (strTrace.iFlg > 2) {
+        WRITE_TRACE(&strTrace, "read the values");
+    }
+    // Checked once the answer is known to be a query result.
+    const auto check_columns = [&]() -> std::string {
+        if (names.size() > kDumpColumnsMax) {
+            return "iPGSQL_MAKE_DB_GET_FILE: " + id + " has " + std::to_string(names.size()) +
+                   " columns, a table image holds at most " + std::to_string(kDumpColumnsMax);
+        }
+        for (const auto& name : names) {
+            if (name.size() > kDumpColumnNameMax) {
+                return "iPGSQL_MAKE_DB_GET_FILE: column name " + name + " of " + id + " has " +
+                       std::to_string(name.size()) + " bytes, a table image allows at most " +
+                       std::to_string(kDumpColumnNameMax);
+            }
+        }
+        return {};
+    };
+    std::vector<std::string> lowerNames = names;
+    for (auto& name : lowerNames) {
+        lowercase(name);
+    }
+
+    long rows = 0;
+    long footerCount = -1;
+    while (read_line(in.get(), line)) {
+        if (parse_footer(line, footerCount)) {
+            break;
+        }
+        if (rows == 0) {
+            if (const std::string refusal = check_columns(); !refusal.empty()) {
+                return fail(refusal);
+            }
+        }
+        if (strTrace.iFlg > 2) {
+            WRITE_TRACE(&strTrace, "values: %s ", line.c_str());
+        }
+        std::vector<std::string> values = split_fields(line);
+        if (values.size() != names.size()) {
+            return fail("iPGSQL_MAKE_DB_GET_FILE: row " + std::to_string(rows + 1) + " of " + id + " has " +
+                        std::to_string(values.size()) + " fields for " + std::to_string(names.size()) +
+                        " columns (a value holding '|' or a line break cannot be dumped): " + line);
+        }
+        std::string record = "|";
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            record += lowerNames[i] + "=" + str_trim(values[i]) + "|";
+        }
+        record += '\n';
+        std::fputs(record.c_str(), out.stream());
+        ++rows;
+    }
+    if (footerCount >= 0) {
+        if (rows == 0) {
+            if (const std::string refusal = check_columns(); !refusal.empty()) {
+                return fail(refusal);
+            }
+        }
+        if (footerCount != rows) {
+            return fail("iPGSQL_MAKE_DB_GET_FILE: " + id + ": " + std::to_string(rows) +
+                        " rows read, but the database reported " + std::to_string(footerCount));
+        }
+    } else if (rows > 0) {
+        return fail("iPGSQL_MAKE_DB_GET_FILE: " + id + ": no row count at the end of " + cpSqlOutFile);
+    }
+    in.reset();
+
+    if (rows == 0) {
+        std::remove(image.c_str());
+    } else if (!out.commit()) {
+        const int err = errno;
+        i_FILE_CLOSE(err);
+        return fail("Can't write file " + image);
+    }
+    cpMsg = std::to_string(rows);
+    if (strTrace.iFlg > 0) {
+        WRITE_TRACE(&strTrace, "--- PGSQL_MAKE_DB_GET_FILE   rows= %s ", cpMsg.c_str());
+    }
+    return true;
+}
+
+}  // namespace rv

@@ -1,0 +1,43 @@
+// Table dumps through the database client program: a select runs as
+// "psql -e -d ravik_db -P null=NULL -A -c ..." with its answer in
+// "<gv_rw_tmp><id>.sqo" (the statement recorded in "<id>.sqi"), and the
+// answer becomes the table image "<gv_rw_work>db_<id>.tmp": one line a row,
+// "|name=value|...|". An answer that cannot be turned into a faithful image
+// (a value holding "|" or a line break, a row count that does not add up,
+// too many columns, overlong names) fails the dump: no image is left, the
+// .sqi and .sqo files stay for inspection.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "log/trace.hpp"
+
+namespace rv {
+
+// Columns a dump can carry, and the longest column name (in bytes).
+inline constexpr std::size_t kDumpColumnsMax = 30;
+inline constexpr std::size_t kDumpColumnNameMax = 15;
+
+// Runs `cpSql` for the identifier `cpId` (a table name) through the client,
+// as a statement a quit signal may break off. Returns true on success with
+// the row count in `cpMsg`; false with the reason in `cpMsg` (or, when a quit
+// signal broke the statement off, with `cpMsg` as it was).
+bool iSELECT_INTO_TEMP_FILE(std::string_view cpId, std::string_view cpSql, std::string& cpMsg);
+
+// Runs the statement and judges the client's answer; on success converts it
+// into the table image. Returns true on success.
+bool iPGSQL_DO_SQL(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg, str_log strTrace);
+
+// Converts the client's answer `cpSqlOutFile` into the table image of
+// `cpId`. Returns true with the row count in `cpMsg`; false with the reason.
+// No rows: the image is removed.
+bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutFile, std::string& cpMsg,
+                             str_log strTrace);
+
+// Full path of the table image of `cpId`, or "" when the work directory is
+// unknown (neither the global variable gv_rw_work nor the [PATHES] key).
+std::string table_image_path(std::string_view cpId);
+
+}  // namespace rv
