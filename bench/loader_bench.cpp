@@ -1,0 +1,350 @@
+// Loading speed of oaisql beside the server's own COPY FROM of the same rows,
+// measured in the same run on a throwaway server: a backup server's media
+// table, 100,000 and 1,000,000 rows, once without errors and once with 0.1%
+// duplicate keys. Not a test: run by hand, prints rows per second and ratios.
+// The server is durable as in production (fsync and synchronous commit on),
+// unlike the test server, because the cost of a commit decides the result.
+//
+//   bench_loader [ROWS ...] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT]
+#include <fcntl.h>
+#include <libpq-fe.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "loader/loader.hpp"
+#include "support/run.hpp"
+#include "support/sandbox.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct ConnectionCloser {
+    void operator()(PGconn* conn) const { PQfinish(conn); }
+};
+struct ResultClearer {
+    void operator()(PGresult* result) const { PQclear(result); }
+};
+using Result = std::unique_ptr<PGresult, ResultClearer>;
+using Connection = std::unique_ptr<PGconn, ConnectionCloser>;
+
+void ignore_notice(void* /*arg*/, const char* /*message*/) {}
+
+Connection connect(const std::string& db) {
+    Connection conn(PQconnectdb(("dbname=" + db).c_str()));
+    if (PQstatus(conn.get()) != CONNECTION_OK) {
+        throw std::runtime_error(PQerrorMessage(conn.get()));
+    }
+    PQsetNoticeProcessor(conn.get(), ignore_notice, nullptr);
+    return conn;
+}
+
+// First field of the answer to `sql` ("" when there is none).
+std::string query(const std::string& db, const std::string& sql) {
+    const Connection conn = connect(db);
+    const Result result(PQexec(conn.get(), sql.c_str()));
+    const ExecStatusType status = PQresultStatus(result.get());
+    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+        throw std::runtime_error(sql + ": " + PQresultErrorMessage(result.get()));
+    }
+    return PQntuples(result.get()) > 0 ? PQgetvalue(result.get(), 0, 0) : "";
+}
+
+// A throwaway durable server in a temporary directory, reached through a
+// unix socket there (PGHOST, PGPORT and PGUSER are set for the children).
+class DurableServer {
+  public:
+    DurableServer() {
+        for (const auto& entry : fs::directory_iterator("/usr/lib/postgresql")) {
+            if (fs::exists(entry.path() / "bin/initdb")) {
+                bindir_ = (entry.path() / "bin").string();
+            }
+        }
+        if (bindir_.empty()) {
+            throw std::runtime_error("no PostgreSQL server programs under /usr/lib/postgresql");
+        }
+        std::string dir = (fs::temp_directory_path() / "rvbench.XXXXXX").string();
+        if (mkdtemp(dir.data()) == nullptr) {
+            throw std::runtime_error("mkdtemp failed");
+        }
+        dir_ = dir;
+        if (geteuid() == 0) {
+            const passwd* pw = getpwnam("postgres");
+            if (pw == nullptr || chown(dir_.c_str(), pw->pw_uid, pw->pw_gid) != 0) {
+                throw std::runtime_error("cannot hand " + dir_ + " to user postgres");
+            }
+        }
+        must(as_server({bindir_ + "/initdb", "-D", dir_ + "/data", "-U", "postgres", "-A", "trust",
+                        "-E", "UTF8", "--locale=C", "-N"}));
+        must(as_server({bindir_ + "/pg_ctl", "-D", dir_ + "/data", "-l", dir_ + "/server.log", "-w",
+                        "-o", "-c listen_addresses='' -k " + dir_ + " -p 5432", "start"}));
+        running_ = true;
+        start_watchdog();
+        setenv("PGHOST", dir_.c_str(), 1);
+        setenv("PGPORT", "5432", 1);
+        setenv("PGUSER", "postgres", 1);
+    }
+    ~DurableServer() {
+        if (running_) {
+            rvtest::run(
+                as_server({bindir_ + "/pg_ctl", "-D", dir_ + "/data", "-m", "fast", "-w", "stop"}));
+        }
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+    }
+    DurableServer(const DurableServer&) = delete;
+    DurableServer& operator=(const DurableServer&) = delete;
+
+  private:
+    // A process that stops the server and removes its directory once this
+    // one has ended in whatever way (interrupted, killed by a closed pipe).
+    void start_watchdog() {
+        std::array<int, 2> fds{-1, -1};
+        if (pipe2(fds.data(), O_CLOEXEC) != 0) {
+            return;  // without a watchdog only a normal end cleans up
+        }
+        std::string script = "read _;";
+        for (const auto& arg :
+             as_server({bindir_ + "/pg_ctl", "-D", dir_ + "/data", "-m", "fast", "-w", "stop"})) {
+            script += " '" + arg + "'";
+        }
+        script += " >/dev/null 2>&1; rm -rf '" + dir_ + "'";
+        const pid_t pid = fork();
+        if (pid == 0) {
+            setsid();
+            dup2(fds[0], 0);
+            execl("/bin/sh", "sh", "-c", script.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        close(fds[0]);
+        watchdog_pipe_ = fds[1];  // closed only when this process ends
+    }
+
+    static std::vector<std::string> as_server(std::vector<std::string> argv) {
+        if (geteuid() == 0) {
+            argv.insert(argv.begin(), {"/usr/sbin/runuser", "-u", "postgres", "--"});
+        }
+        return argv;
+    }
+    static void must(const std::vector<std::string>& argv) {
+        const rvtest::RunResult result = rvtest::run(argv);
+        if (result.status != 0) {
+            throw std::runtime_error(argv.front() + " failed: " + result.out + result.err);
+        }
+    }
+
+    std::string bindir_;
+    std::string dir_;
+    bool running_ = false;
+    int watchdog_pipe_ = -1;
+};
+
+struct Row {
+    long id;
+    std::string label;
+    std::string pool;
+    long size;
+    std::string expires;
+    std::optional<std::string> note;
+};
+
+// Deterministic rows that look like a media table of a backup server.
+std::vector<Row> make_rows(long count) {
+    static const char* const kPools[] = {"Default", "Daily",   "Weekly",
+                                         "Monthly", "Archive", "Offsite"};
+    static const char* const kNotes[] = {"operator's tape", "moved to safe, shelf 3 (left)",
+                                         "Prüfung ok ✓", "label damaged", "returned from vault"};
+    std::vector<Row> rows;
+    rows.reserve(static_cast<std::size_t>(count));
+    unsigned long seed = 12345;
+    for (long i = 1; i <= count; ++i) {
+        seed = seed * 6364136223846793005UL + 1442695040888963407UL;
+        std::array<char, 32> expires{};
+        std::snprintf(expires.data(), expires.size(), "20%02lu-%02lu-%02lu %02lu:%02lu:00",
+                      26 + (seed >> 60), 1 + (seed >> 20) % 12, 1 + (seed >> 30) % 28,
+                      (seed >> 40) % 24, (seed >> 50) % 60);
+        Row row{i,
+                "A" + std::to_string(100000 + i),
+                kPools[(seed >> 33) % 6],
+                static_cast<long>((seed >> 16) % 800000000000UL),
+                expires.data(),
+                std::nullopt};
+        if (i % 7 != 0) {
+            row.note = kNotes[(seed >> 24) % 5];
+        }
+        rows.push_back(std::move(row));
+    }
+    return rows;
+}
+
+std::string quoted(const std::string& value) {
+    std::string out = "'";
+    for (const char c : value) {
+        out += c;
+        if (c == '\'') {
+            out += '\'';
+        }
+    }
+    return out + "'";
+}
+
+// The script as the table change step writes it; every `dup_every`-th line
+// line on average (0: none) repeats the key of the line before and fails.
+long write_script(const std::string& file, const std::vector<Row>& rows, long dup_every) {
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> out(std::fopen(file.c_str(), "w"), std::fclose);
+    if (!out) {
+        throw std::runtime_error("cannot write " + file);
+    }
+    std::fputs("connect ravik_db\n", out.get());
+    long dups = 0;
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        const Row& r = rows[i];
+        // Scattered, not evenly spaced: a failure may fall anywhere in a commit group.
+        const unsigned long mix = (i + 1) * 2654435761UL % 4294967296UL;
+        const bool dup = dup_every > 0 && i > 0 && mix % static_cast<unsigned long>(dup_every) == 0;
+        dups += dup ? 1 : 0;
+        const long id = dup ? r.id - 1 : r.id;
+        std::fprintf(out.get(),
+                     "INSERT INTO media (id,label,pool,size,expires,note) VALUES "
+                     "('%ld',%s,%s,'%ld',%s,%s);\n",
+                     id, quoted(r.label).c_str(), quoted(r.pool).c_str(), r.size,
+                     quoted(r.expires).c_str(), r.note ? quoted(*r.note).c_str() : "NULL");
+    }
+    return dups;
+}
+
+std::string copy_text(const std::vector<Row>& rows) {
+    std::string text;
+    for (const Row& r : rows) {
+        text += std::to_string(r.id) + '\t' + r.label + '\t' + r.pool + '\t' +
+                std::to_string(r.size) + '\t' + r.expires + '\t' + (r.note ? *r.note : "\\N") +
+                '\n';
+    }
+    return text;
+}
+
+void fresh_table() {
+    query("ravik_db", "drop table if exists media");
+    query("ravik_db",
+          "create table media (id bigint primary key, label text not null, pool text, size bigint, "
+          "expires text, note text)");
+    query("ravik_db", "checkpoint");
+}
+
+double seconds_since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+double run_copy(const std::string& text) {
+    fresh_table();
+    const Connection conn = connect("ravik_db");
+    const auto start = std::chrono::steady_clock::now();
+    Result begin(PQexec(conn.get(), "COPY media FROM STDIN"));
+    if (PQresultStatus(begin.get()) != PGRES_COPY_IN) {
+        throw std::runtime_error(PQerrorMessage(conn.get()));
+    }
+    constexpr std::size_t kChunk = 1 << 16;
+    for (std::size_t at = 0; at < text.size(); at += kChunk) {
+        const std::size_t n = std::min(kChunk, text.size() - at);
+        if (PQputCopyData(conn.get(), text.data() + at, static_cast<int>(n)) != 1) {
+            throw std::runtime_error(PQerrorMessage(conn.get()));
+        }
+    }
+    if (PQputCopyEnd(conn.get(), nullptr) != 1) {
+        throw std::runtime_error(PQerrorMessage(conn.get()));
+    }
+    Result end(PQgetResult(conn.get()));
+    if (PQresultStatus(end.get()) != PGRES_COMMAND_OK) {
+        throw std::runtime_error(PQerrorMessage(conn.get()));
+    }
+    return seconds_since(start);
+}
+
+double run_oaisql(const std::string& file, const std::vector<std::string>& tuning, long expect_rows,
+                  long expect_errors) {
+    fresh_table();
+    std::vector<std::string> argv{rvtest::bin("oaisql"), "-c", file, "-e"};
+    argv.insert(argv.end(), tuning.begin(), tuning.end());
+    const auto start = std::chrono::steady_clock::now();
+    const rvtest::RunResult result = rvtest::run(argv);
+    const double took = seconds_since(start);
+    long errors = 0;
+    for (std::size_t at = result.out.find("Error"); at != std::string::npos;
+         at = result.out.find("Error", at + 1)) {
+        ++errors;
+    }
+    const std::string rows = query("ravik_db", "select count(*) from media");
+    if (errors != expect_errors || rows != std::to_string(expect_rows) ||
+        result.status != (errors ? 1 : 0)) {
+        throw std::runtime_error("oaisql loaded " + rows + " rows with " + std::to_string(errors) +
+                                 " errors and status " + std::to_string(result.status) + ": " +
+                                 result.err);
+    }
+    return took;
+}
+
+void line(const char* what, long rows, double secs, double copy_secs) {
+    std::printf("%-34s %9ld rows %8.2f s %10.0f rows/s %6.2fx COPY\n", what, rows, secs,
+                rows / secs, secs / copy_secs);
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<long> sizes;
+    std::vector<std::string> tuning;
+    std::string batch = std::to_string(rv::kLoaderBatch);
+    std::string group = std::to_string(rv::kLoaderGroup);
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if ((arg == "-b" || arg == "-g") && i + 1 < argc) {
+            tuning.insert(tuning.end(), {arg, argv[++i]});
+            (arg == "-b" ? batch : group) = argv[i];
+        } else {
+            sizes.push_back(std::atol(argv[i]));
+        }
+    }
+    if (sizes.empty()) {
+        sizes = {100000, 1000000};
+    }
+    try {
+        const DurableServer server;
+        query("postgres", "create database ravik_db");
+        std::printf("server: fsync %s, synchronous_commit %s\n",
+                    query("ravik_db", "show fsync").c_str(),
+                    query("ravik_db", "show synchronous_commit").c_str());
+        std::printf("oaisql: %s statements per commit, %s rows per INSERT\n", batch.c_str(),
+                    group.c_str());
+        rvtest::Sandbox box;
+        const std::string clean = box.dir("gv_rw_work") + "db_media.tmp";
+        const std::string failing = box.dir("gv_rw_work") + "db_media_dups.tmp";
+        for (const long n : sizes) {
+            const std::vector<Row> rows = make_rows(n);
+            write_script(clean, rows, 0);
+            const long dups = write_script(failing, rows, 1000);
+            const std::string text = copy_text(rows);
+            const double copy = run_copy(text);
+            line("COPY FROM (PQputCopyData)", n, copy, copy);
+            line("oaisql, no errors", n, run_oaisql(clean, tuning, n, 0), copy);
+            line("oaisql, 0.1% duplicate keys", n, run_oaisql(failing, tuning, n - dups, dups),
+                 copy);
+        }
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "bench_loader: %s\n", e.what());
+        return 1;
+    }
+    return 0;
+}

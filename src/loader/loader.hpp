@@ -1,0 +1,40 @@
+// The SQL loader behind `oaisql -c FILE [-e]`: runs the statements of a
+// script against the database in file order. Every failing statement gets
+// one output line containing "Error" (and no other line does), every
+// statement that succeeds on its own is committed exactly once, and a
+// summary line closes the output. Exit status: 0, 1 (failures) or 2.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <string>
+
+namespace rv {
+
+// Database used until the script names one with "connect <db>".
+inline constexpr const char* kLoaderDefaultDatabase = "ravik_db";
+// Statements committed together; a failing statement costs a replay of
+// at most this many of its neighbours.
+inline constexpr std::size_t kLoaderBatch = 500;
+// Consecutive rows of one INSERT shape sent as one multi-row INSERT.
+inline constexpr std::size_t kLoaderGroup = 50;
+
+inline constexpr int kLoaderAllDone = 0;     // every statement succeeded
+inline constexpr int kLoaderSomeFailed = 1;  // at least one statement failed
+inline constexpr int kLoaderStopped = 2;     // usage, unreadable script or no connection
+
+struct LoaderOptions {
+    std::string file;                  // the script (-c)
+    bool echo_statement = false;       // -e: add the failing statement to its Error line
+    std::size_t batch = kLoaderBatch;  // statements per commit, at least 1
+    std::size_t group = kLoaderGroup;  // rows per multi-row INSERT, 1: none
+};
+
+// Runs the script of `options`; Error lines and the summary go to `out`,
+// the reason of a stop to `err`. Returns one of the exit statuses above.
+int run_loader(const LoaderOptions& options, std::FILE* out, std::FILE* err);
+
+// The command line "oaisql -c FILE [-e]"; returns the exit status.
+int oaisql_main(int argc, char** argv);
+
+}  // namespace rv

@@ -1,0 +1,279 @@
+#include "loader/statement.hpp"
+
+#include <cctype>
+
+namespace rv {
+
+namespace {
+
+bool is_blank(char c) {
+    return c == ' ' || c == '\t';
+}
+
+bool is_ident_start(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+}
+
+bool is_ident_char(char c) {
+    return is_ident_start(c) || (c >= '0' && c <= '9') || c == '$';
+}
+
+// A cursor over one line; every reader returns false without moving on a
+// mismatch it cannot recover from.
+class Scanner {
+  public:
+    explicit Scanner(std::string_view text) : s_(text) {}
+
+    bool at_end() const { return pos_ >= s_.size(); }
+    char peek() const { return at_end() ? '\0' : s_[pos_]; }
+
+    void blanks() {
+        while (!at_end() && is_blank(s_[pos_])) {
+            ++pos_;
+        }
+    }
+
+    bool take(char c) {
+        if (peek() != c || at_end()) {
+            return false;
+        }
+        ++pos_;
+        return true;
+    }
+
+    // A keyword in any case, not followed by an identifier character.
+    bool keyword(std::string_view word) {
+        if (s_.size() - pos_ < word.size()) {
+            return false;
+        }
+        for (std::size_t i = 0; i < word.size(); ++i) {
+            if (std::toupper(static_cast<unsigned char>(s_[pos_ + i])) != word[i]) {
+                return false;
+            }
+        }
+        const std::size_t end = pos_ + word.size();
+        if (end < s_.size() && is_ident_char(s_[end])) {
+            return false;
+        }
+        pos_ = end;
+        return true;
+    }
+
+    // A plain identifier, optionally qualified once ("schema.table").
+    std::optional<std::string_view> name(bool qualified) {
+        const std::size_t start = pos_;
+        if (!word()) {
+            return std::nullopt;
+        }
+        if (qualified && take('.') && !word()) {
+            pos_ = start;
+            return std::nullopt;
+        }
+        return s_.substr(start, pos_ - start);
+    }
+
+    // A single-quoted literal with '' for a quote inside.
+    std::optional<std::string> quoted() {
+        if (!take('\'')) {
+            return std::nullopt;
+        }
+        std::string value;
+        for (;;) {
+            const std::size_t quote = s_.find('\'', pos_);
+            if (quote == std::string_view::npos) {
+                return std::nullopt;
+            }
+            value.append(s_.substr(pos_, quote - pos_));
+            pos_ = quote + 1;
+            if (peek() != '\'' || at_end()) {
+                return value;
+            }
+            value.push_back('\'');
+            ++pos_;
+        }
+    }
+
+  private:
+    bool word() {
+        if (at_end() || !is_ident_start(s_[pos_])) {
+            return false;
+        }
+        while (!at_end() && is_ident_char(s_[pos_])) {
+            ++pos_;
+        }
+        return true;
+    }
+
+    std::string_view s_;
+    std::size_t pos_ = 0;
+};
+
+std::string_view trim_blanks(std::string_view s) {
+    while (!s.empty() && (is_blank(s.front()) || s.front() == '\r' || s.front() == '\n')) {
+        s.remove_prefix(1);
+    }
+    while (!s.empty() && (is_blank(s.back()) || s.back() == '\r' || s.back() == '\n')) {
+        s.remove_suffix(1);
+    }
+    return s;
+}
+
+bool starts_with_keyword(std::string_view s, std::string_view word) {
+    Scanner scan(s);
+    return scan.keyword(word);
+}
+
+}  // namespace
+
+std::optional<InsertForm> parse_insert(std::string_view line) {
+    Scanner scan(trim_blanks(line));
+    InsertForm form;
+    if (!scan.keyword("INSERT")) {
+        return std::nullopt;
+    }
+    scan.blanks();
+    if (!scan.keyword("INTO")) {
+        return std::nullopt;
+    }
+    scan.blanks();
+    const auto table = scan.name(true);
+    if (!table) {
+        return std::nullopt;
+    }
+    form.table = *table;
+    scan.blanks();
+    if (!scan.take('(')) {
+        return std::nullopt;
+    }
+    do {
+        scan.blanks();
+        const auto column = scan.name(false);
+        if (!column) {
+            return std::nullopt;
+        }
+        form.columns.push_back(*column);
+        scan.blanks();
+    } while (scan.take(','));
+    if (!scan.take(')')) {
+        return std::nullopt;
+    }
+    scan.blanks();
+    if (!scan.keyword("VALUES")) {
+        return std::nullopt;
+    }
+    scan.blanks();
+    if (!scan.take('(')) {
+        return std::nullopt;
+    }
+    do {
+        scan.blanks();
+        if (scan.peek() == '\'') {
+            auto value = scan.quoted();
+            if (!value || value->find('\0') != std::string::npos) {
+                return std::nullopt;
+            }
+            form.values.emplace_back(std::move(*value));
+        } else if (scan.keyword("NULL")) {
+            form.values.emplace_back(std::nullopt);
+        } else {
+            return std::nullopt;
+        }
+        scan.blanks();
+    } while (scan.take(','));
+    if (!scan.take(')')) {
+        return std::nullopt;
+    }
+    scan.blanks();
+    scan.take(';');
+    scan.blanks();
+    if (!scan.at_end() || form.values.size() != form.columns.size()) {
+        return std::nullopt;
+    }
+    return form;
+}
+
+bool is_single_dml(std::string_view statement) {
+    statement = trim_blanks(statement);
+    if (!starts_with_keyword(statement, "INSERT") && !starts_with_keyword(statement, "UPDATE") &&
+        !starts_with_keyword(statement, "DELETE")) {
+        return false;
+    }
+    char quote = '\0';
+    for (std::size_t i = 0; i < statement.size(); ++i) {
+        const char c = statement[i];
+        if (c == '\\' || c == '\0') {
+            return false;
+        }
+        if (quote != '\0') {
+            if (c == quote) {
+                quote = '\0';  // a doubled quote closes and reopens
+            }
+            continue;
+        }
+        if (c == '\'' || c == '"') {
+            quote = c;
+        } else if (c == '$') {
+            return false;
+        } else if ((c == '-' || c == '/') && i + 1 < statement.size() &&
+                   statement[i + 1] == (c == '-' ? '-' : '*')) {
+            return false;
+        } else if (c == ';') {
+            return trim_blanks(statement.substr(i + 1)).empty();
+        }
+    }
+    return quote == '\0';
+}
+
+ScriptLine classify_line(std::string_view line) {
+    ScriptLine result;
+    const std::string_view text = trim_blanks(line);
+    result.text = text;
+    if (text.empty() || text.substr(0, 2) == "--") {
+        return result;
+    }
+    {
+        Scanner scan(text);
+        if (scan.keyword("CONNECT") && is_blank(scan.peek())) {
+            std::string_view db = trim_blanks(text.substr(7));
+            if (!db.empty() && db.back() == ';') {
+                db.remove_suffix(1);
+                db = trim_blanks(db);
+            }
+            if (!db.empty()) {
+                result.kind = ScriptLineKind::Connect;
+                result.text = db;
+                return result;
+            }
+        }
+    }
+    if (auto form = parse_insert(text)) {
+        result.kind = ScriptLineKind::Insert;
+        result.insert = std::move(*form);
+    } else if (is_single_dml(text)) {
+        result.kind = ScriptLineKind::Pipelined;
+    } else {
+        result.kind = ScriptLineKind::Alone;
+    }
+    return result;
+}
+
+std::string one_line(std::string_view message) {
+    std::string out;
+    out.reserve(message.size());
+    for (const char c : message) {
+        const bool blank = c == ' ' || c == '\n' || c == '\r' || c == '\t';
+        if (blank) {
+            if (!out.empty() && out.back() != ' ') {
+                out.push_back(' ');
+            }
+        } else {
+            out.push_back(c);
+        }
+    }
+    if (!out.empty() && out.back() == ' ') {
+        out.pop_back();
+    }
+    return out;
+}
+
+}  // namespace rv
