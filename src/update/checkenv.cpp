@@ -1,5 +1,7 @@
 #include "update/checkenv.hpp"
 
+#include <sys/utsname.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -176,8 +178,14 @@ void checkenv(std::string& cpOldVersion, std::string& cpNewVersion) {
         os = os_env;
     } else {
         pathes.separator = '/';
-        const char* ostype = std::getenv("OSTYPE");
-        os = ostype ? ostype : "unknown";
+        // OSTYPE is a shell variable that is rarely exported; without it the
+        // system's own name is shown.
+        if (const char* ostype = std::getenv("OSTYPE")) {
+            os = ostype;
+        } else {
+            struct utsname uts {};
+            os = uname(&uts) == 0 ? uts.sysname : "unknown";
+        }
     }
 
     std::string msg;
