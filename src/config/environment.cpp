@@ -13,6 +13,7 @@
 
 #include "log/prot.hpp"
 #include "log/trace.hpp"
+#include "sys/file_io.hpp"
 
 namespace rv {
 
@@ -24,11 +25,6 @@ constexpr const char* kProcessList = "ps -e -A -o pid,command";
 constexpr std::size_t kParentLineMax = 510;
 // The squeezed process-id column skipped in front of the command line.
 constexpr std::size_t kPidColumn = 6;
-
-struct PipeCloser {
-    void operator()(std::FILE* fp) const { pclose(fp); }
-};
-using PipePtr = std::unique_ptr<std::FILE, PipeCloser>;
 
 }  // namespace
 

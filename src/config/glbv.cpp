@@ -17,15 +17,11 @@
 #include "log/prot.hpp"
 #include "log/trace.hpp"
 #include "sys/strings.hpp"
+#include "sys/file_io.hpp"
 
 namespace rv {
 
 namespace {
-
-struct FileCloser {
-    void operator()(std::FILE* fp) const { std::fclose(fp); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }

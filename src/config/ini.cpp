@@ -1,4 +1,5 @@
 #include "config/ini.hpp"
+#include "sys/file_io.hpp"
 
 #include <cctype>
 #include <cstdio>
@@ -9,11 +10,6 @@
 namespace rv {
 
 namespace {
-
-struct FileCloser {
-    void operator()(std::FILE* fp) const { std::fclose(fp); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 // A reference that leads to itself (a=%(a), or a=%(b) with b=%(a)) would never
 // end. A lookup this many references deep is refused with the message

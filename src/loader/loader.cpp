@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "loader/statement.hpp"
+#include "sys/file_io.hpp"
 
 namespace rv {
 
@@ -36,10 +37,7 @@ struct ResultClearer {
 };
 using Result = std::unique_ptr<PGresult, ResultClearer>;
 
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
+using File = FilePtr;
 
 struct MallocFree {
     void operator()(char* p) const { std::free(p); }

@@ -11,6 +11,8 @@
 
 #include "config/glbv.hpp"
 #include "sys/timefmt.hpp"
+#include "sys/file_io.hpp"
+#include "sys/strings.hpp"
 
 namespace rv {
 
@@ -21,25 +23,6 @@ constexpr const char* kKernelVersion = "cm_kernel 1.0";
 // The protocol stamp is the date and time of time_get's default form.
 constexpr std::size_t kStampLength = 19;
 constexpr const char* kShortenedCode = "E999-BASICS ";
-
-struct FileCloser {
-    void operator()(std::FILE* fp) const { std::fclose(fp); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
-
-__attribute__((format(printf, 1, 0))) std::string vformat(const char* cpFormat, std::va_list args) {
-    std::va_list probe;
-    va_copy(probe, args);
-    const int needed = std::vsnprintf(nullptr, 0, cpFormat, probe);
-    va_end(probe);
-    if (needed <= 0) {
-        return {};
-    }
-    std::string text(static_cast<std::size_t>(needed) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), cpFormat, args);
-    text.resize(static_cast<std::size_t>(needed));
-    return text;
-}
 
 __attribute__((format(printf, 1, 2))) std::string format(const char* cpFormat, ...) {
     std::va_list args;

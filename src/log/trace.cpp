@@ -13,6 +13,8 @@
 #include "config/environment.hpp"
 #include "config/ini.hpp"
 #include "log/prot.hpp"
+#include "sys/file_io.hpp"
+#include "sys/strings.hpp"
 
 namespace rv {
 
@@ -35,11 +37,6 @@ constexpr std::size_t kTraceLinePiece = 254;
 constexpr std::size_t kIniDirSize = 256;
 constexpr std::size_t kLgcDirSize = 512;
 
-struct FileCloser {
-    void operator()(std::FILE* fp) const { std::fclose(fp); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
-
 struct TimeOfDay {
     int hour = 0;
     int min = 0;
@@ -51,20 +48,6 @@ TimeOfDay time_of_day() {
     std::tm tmNow{};
     localtime_r(&now, &tmNow);
     return {tmNow.tm_hour, tmNow.tm_min, tmNow.tm_sec};
-}
-
-__attribute__((format(printf, 1, 0))) std::string vformat(const char* cpFormat, std::va_list args) {
-    std::va_list probe;
-    va_copy(probe, args);
-    const int needed = std::vsnprintf(nullptr, 0, cpFormat, probe);
-    va_end(probe);
-    if (needed <= 0) {
-        return {};
-    }
-    std::string text(static_cast<std::size_t>(needed) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), cpFormat, args);
-    text.resize(static_cast<std::size_t>(needed));
-    return text;
 }
 
 // Reads the next piece of a line as fgets would with room for `max`

@@ -11,15 +11,11 @@
 #include "log/trace.hpp"
 #include "sys/atomic_file.hpp"
 #include "sys/files.hpp"
+#include "sys/file_io.hpp"
 
 namespace rv {
 
 namespace {
-
-struct FileCloser {
-    void operator()(std::FILE* fp) const { std::fclose(fp); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 constexpr std::size_t kKeySize = 256;
 
@@ -50,18 +46,6 @@ std::size_t rows_in_use(const RowList& rows) {
 
 [[noreturn]] void refuse(std::string_view table, const std::string& why) {
     FINISH(RV_ERROR, "db_change: " + why + "; table " + std::string(table) + " not changed");
-}
-
-bool read_line(std::FILE* fp, std::string& line) {
-    line.clear();
-    int c;
-    while ((c = std::getc(fp)) != EOF) {
-        if (c == '\n') {
-            return true;
-        }
-        line.push_back(static_cast<char>(c));
-    }
-    return !line.empty();
 }
 
 std::string quoted(const std::string& value) {

@@ -16,15 +16,11 @@
 #include "sys/files.hpp"
 #include "sys/process.hpp"
 #include "sys/strings.hpp"
+#include "sys/file_io.hpp"
 
 namespace rv {
 
 namespace {
-
-struct FileCloser {
-    void operator()(std::FILE* fp) const { std::fclose(fp); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 // Characters the shell would act on inside the client's double-quoted -c
 // argument: a statement holding one is refused rather than changed.
@@ -39,18 +35,6 @@ std::string product_dir(const std::string& name) {
     }
     resolve_path(dir);
     return dir == name + ":" ? std::string() : dir;
-}
-
-bool read_line(std::FILE* fp, std::string& line) {
-    line.clear();
-    int c;
-    while ((c = std::getc(fp)) != EOF) {
-        if (c == '\n') {
-            return true;
-        }
-        line.push_back(static_cast<char>(c));
-    }
-    return !line.empty();
 }
 
 std::vector<std::string> split_fields(const std::string& line) {

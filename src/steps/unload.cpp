@@ -10,14 +10,11 @@
 #include "log/prot.hpp"
 #include "log/trace.hpp"
 #include "steps/psql_dump.hpp"
+#include "sys/file_io.hpp"
 
 namespace rv {
 
 namespace {
-
-struct PipeCloser {
-    void operator()(std::FILE* fp) const { pclose(fp); }
-};
 
 // Calls `handle` for every name of the comma-separated list `cpTable`; an
 // empty name (a trailing ",") ends the list. Stops when `handle` is false.
@@ -40,18 +37,6 @@ bool for_each_table(std::string_view cpTable, Handle handle) {
         pos = comma + 1;
     }
     return true;
-}
-
-bool read_line(std::FILE* fp, std::string& line) {
-    line.clear();
-    int c;
-    while ((c = std::getc(fp)) != EOF) {
-        line.push_back(static_cast<char>(c));
-        if (c == '\n') {
-            return true;
-        }
-    }
-    return !line.empty();
 }
 
 }  // namespace
@@ -127,13 +112,13 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable) {
         const std::string cmd =
             pathes.bin_db + "oaisql -c " + pathes.var_work + "db_" + table + ".tmp -e 2>&1";
         std::fflush(nullptr);
-        std::unique_ptr<std::FILE, PipeCloser> pipe(popen(cmd.c_str(), "r"));
+        PipePtr pipe(popen(cmd.c_str(), "r"));
         if (!pipe) {
             FINISH(RV_ERROR, "ERROR: Import could not start " + cmd);
         }
         int errors = 0;
         std::string line;
-        while (read_line(pipe.get(), line)) {
+        while (read_line(pipe.get(), line, LineFeed::keep)) {
             if (strLog.iVerify == 0) {
                 std::fputs(line.c_str(), stdout);
             }

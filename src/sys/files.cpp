@@ -7,15 +7,11 @@
 
 #include "config/glbv.hpp"
 #include "sys/dirwalk.hpp"
+#include "sys/file_io.hpp"
 
 namespace rv {
 
 namespace {
-
-struct FileCloser {
-    void operator()(std::FILE* fp) const { std::fclose(fp); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 // Reads the next piece of a line: up to and including its line feed, but at
 // most kSeekLineMax characters. False at end of file.

@@ -1,5 +1,7 @@
 #include "sys/strings.hpp"
 
+#include <cstdarg>
+
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -157,6 +159,20 @@ std::string& lowercase(std::string& s) {
         c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     }
     return s;
+}
+
+std::string vformat(const char* cpFormat, std::va_list args) {
+    std::va_list probe;
+    va_copy(probe, args);
+    const int needed = std::vsnprintf(nullptr, 0, cpFormat, probe);
+    va_end(probe);
+    if (needed <= 0) {
+        return {};
+    }
+    std::string text(static_cast<std::size_t>(needed) + 1, '\0');
+    std::vsnprintf(text.data(), text.size(), cpFormat, args);
+    text.resize(static_cast<std::size_t>(needed));
+    return text;
 }
 
 std::string intoas(long n) { return std::to_string(n); }

@@ -4,6 +4,7 @@
 // an operator can observe (a skipped piece, a cut command line) are named below.
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 #include <initializer_list>
 #include <optional>
@@ -52,6 +53,9 @@ std::string bounded(std::string_view src, std::size_t siz);
 
 // Lower-cases `s` in place with the locale's tolower; returns `s`.
 std::string& lowercase(std::string& s);
+
+// The text printf would make of `cpFormat` and `args`, of any length.
+std::string vformat(const char* cpFormat, std::va_list args) __attribute__((format(printf, 1, 0)));
 
 // Formats `n` in decimal.
 std::string intoas(long n);

@@ -1,0 +1,20 @@
+#include "sys/file_io.hpp"
+
+namespace rv {
+
+bool read_line(std::FILE* fp, std::string& line, LineFeed lf) {
+    line.clear();
+    int c;
+    while ((c = std::getc(fp)) != EOF) {
+        if (c == '\n') {
+            if (lf == LineFeed::keep) {
+                line.push_back('\n');
+            }
+            return true;
+        }
+        line.push_back(static_cast<char>(c));
+    }
+    return !line.empty();
+}
+
+}  // namespace rv

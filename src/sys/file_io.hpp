@@ -1,0 +1,29 @@
+// Owners for C streams and pipes, and a line reader without a length limit.
+// A stream is closed (a pipe waited for) when its owner goes away; callers
+// that must see the close status release() the stream and close it themselves.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace rv {
+
+struct FileCloser {
+    void operator()(std::FILE* fp) const { std::fclose(fp); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+struct PipeCloser {
+    void operator()(std::FILE* fp) const { pclose(fp); }
+};
+using PipePtr = std::unique_ptr<std::FILE, PipeCloser>;
+
+// How read_line treats the line feed.
+enum class LineFeed { drop, keep };
+
+// Reads the next line of `fp` into `line`, whole, with or without its line
+// feed. Returns false at end of input with nothing read.
+bool read_line(std::FILE* fp, std::string& line, LineFeed lf = LineFeed::drop);
+
+}  // namespace rv
