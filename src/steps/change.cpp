@@ -3,15 +3,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <memory>
+#include <utility>
 
 #include "config/ini.hpp"
 #include "config/product.hpp"
 #include "log/finish.hpp"
 #include "log/trace.hpp"
 #include "sys/atomic_file.hpp"
-#include "sys/files.hpp"
 #include "sys/file_io.hpp"
+#include "sys/files.hpp"
 
 namespace rv {
 
@@ -19,7 +19,11 @@ namespace {
 
 constexpr std::size_t kKeySize = 256;
 
-std::string image_path(std::string_view table) { return pathes.var_work + "db_" + std::string(table) + ".tmp"; }
+std::string image_path(std::string_view table) {
+    std::string path = pathes.var_work;
+    path.append("db_").append(table).append(".tmp");
+    return path;
+}
 
 // The non-empty pieces of `text` split at `delim`.
 std::vector<std::string> tokens(std::string_view text, char delim) {
@@ -35,206 +39,185 @@ std::vector<std::string> tokens(std::string_view text, char delim) {
     return out;
 }
 
-// The rows a walk visits: up to the first row without columns.
-std::size_t rows_in_use(const RowList& rows) {
-    std::size_t n = 0;
-    while (n < rows.size() && !rows[n].columns.empty()) {
-        ++n;
+std::string joined(const std::vector<std::string>& list, std::size_t from) {
+    std::string text;
+    for (std::size_t k = from; k < list.size(); ++k) {
+        if (k > from) {
+            text += ',';
+        }
+        text += list[k];
     }
-    return n;
+    return text;
 }
 
-[[noreturn]] void refuse(std::string_view table, const std::string& why) {
-    FINISH(RV_ERROR, "db_change: " + why + "; table " + std::string(table) + " not changed");
+// Ends the run; the image stays as it was (`out`, when given, is dropped).
+[[noreturn]] void refuse(std::string_view table, const std::string& why, AtomicFile* out = nullptr) {
+    if (out != nullptr) {
+        out->discard();
+    }
+    std::string msg = "db_change: ";
+    msg.append(why).append("; table ").append(table).append(" not changed");
+    FINISH(RV_ERROR, msg);
 }
 
-std::string quoted(const std::string& value) {
+void append_quoted(std::string& out, const std::string& value) {
     if (value == "NULL") {
-        return value;
+        out += value;
+        return;
     }
-    std::string out = "'";
+    out += '\'';
     for (char c : value) {
         out += c;
         if (c == '\'') {
             out += '\'';
         }
     }
-    return out + "'";
+    out += '\'';
+}
+
+// The column/value pairs of ADD_COLUMNS and ADD_VALUES, announced on the
+// console as they are taken.
+std::vector<std::pair<std::string, std::string>> columns_to_add(const std::string& table, const std::string& section,
+                                                                const std::string& columns,
+                                                                const std::string& values) {
+    std::vector<std::pair<std::string, std::string>> pairs;
+    const bool several = columns.find(',') != std::string::npos;
+    const std::vector<std::string> cols = tokens(columns, ',');
+    const std::vector<std::string> vals = tokens(values, ',');
+    for (std::size_t i = 0; i < cols.size(); ++i) {
+        if (i >= vals.size()) {
+            if (i == 0) {
+                FINISH(RV_ERROR, "db_change: Format error: No further token ',' in value list");
+            }
+            break;
+        }
+        if (vals[i].size() > kChangeValueMax || cols[i].size() > kChangeColumnNameMax) {
+            refuse(table, "ADD_COLUMNS/ADD_VALUES of " + section + " exceed the limits (column name " +
+                              std::to_string(kChangeColumnNameMax) + ", value " + std::to_string(kChangeValueMax) +
+                              " characters): " + cols[i]);
+        }
+        std::printf("db_change call add_entry ( pstrFirstRow, %s, %s)\n", cols[i].c_str(), vals[i].c_str());
+        // One pair of surrounding single quotes goes.
+        std::string value = vals[i];
+        if (!value.empty() && value.front() == '\'') {
+            value.erase(0, 1);
+            if (!value.empty() && value.back() == '\'') {
+                value.pop_back();
+            }
+        }
+        if (strLog.iFlg > 1) {
+            WRITE_TRACE(&strLog, "<add_entry> szColumn : %s", cols[i].c_str());
+            WRITE_TRACE(&strLog, "<add_entry> szTmp     : %s", value.c_str());
+        }
+        pairs.emplace_back(cols[i], value);
+        if (!several) {
+            break;
+        }
+        std::printf("db_change after add_entry ( pstrFirstRow, %s, %s)\n", joined(cols, i + 1).c_str(),
+                    joined(vals, i + 1).c_str());
+    }
+    return pairs;
 }
 
 }  // namespace
 
-bool iRead_columns_and_values(std::string_view szTable, RowList& rows) {
-    const std::string file = image_path(szTable);
-    if (strLog.iFlg > 1) {
-        const std::string table(szTable);
-        WRITE_TRACE(&strLog, "<iRead_columns_and_values> szTable: %s", table.c_str());
-        WRITE_TRACE(&strLog, "<iRead_columns_and_values> try to open file: %s", file.c_str());
-    }
-    FilePtr fp(std::fopen(file.c_str(), "r"));
-    if (!fp) {
-        std::printf("can not open file %s: return false\n", file.c_str());
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "can not open file %s: return false", file.c_str());
-        }
+bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& why) {
+    row.columns.clear();
+    if (line.size() > kChangeLineMax) {
+        why = "is longer than " + std::to_string(kChangeLineMax) + " characters";
         return false;
     }
-    std::string line;
-    std::size_t number = 0;
-    while (read_line(fp.get(), line)) {
-        ++number;
-        while (!line.empty() && line.back() == '\n') {
-            line.pop_back();
+    const std::vector<std::string> elements = tokens(line, '|');
+    if (elements.empty()) {
+        std::printf("\n\nKein Token '|' verfuegbar in %.*s.", static_cast<int>(line.size()), line.data());
+        why = "holds no element";
+        return false;
+    }
+    for (const auto& element : elements) {
+        // The value is everything behind the first '=' (it may hold more).
+        const auto eq = element.find('=');
+        if (eq == std::string::npos || eq == 0) {
+            std::printf("\n\nKein Token '=' verfuegbar.");
+            why = "holds an element without name=value: " + element;
+            return false;
         }
-        if (line.empty()) {
-            continue;
+        if (element.size() > kChangeElementMax || eq > kChangeColumnNameMax) {
+            why = "holds an element longer than the limits (name " + std::to_string(kChangeColumnNameMax) +
+                  ", name=value " + std::to_string(kChangeElementMax) + " characters): " + element.substr(0, eq);
+            return false;
         }
-        const std::string where = "line " + std::to_string(number) + " of " + file;
-        if (line.size() > kChangeLineMax) {
-            refuse(szTable, where + " is longer than " + std::to_string(kChangeLineMax) + " characters");
-        }
-        const std::vector<std::string> elements = tokens(line, '|');
-        if (elements.empty()) {
-            std::printf("\n\nKein Token '|' verfuegbar in %s.", line.c_str());
-            std::fflush(stdout);
-            refuse(szTable, where + " holds no element");
-        }
-        strRow row;
-        for (const auto& element : elements) {
-            // The value is everything behind the first '=' (it may hold more).
-            const auto eq = element.find('=');
-            if (eq == std::string::npos || eq == 0) {
-                std::printf("\n\nKein Token '=' verfuegbar.");
-                std::fflush(stdout);
-                refuse(szTable, where + " holds an element without name=value: " + element);
-            }
-            if (element.size() > kChangeElementMax || eq > kChangeColumnNameMax) {
-                refuse(szTable, where + " holds an element longer than the limits (name " +
-                                    std::to_string(kChangeColumnNameMax) + ", name=value " +
-                                    std::to_string(kChangeElementMax) + " characters): " + element.substr(0, eq));
-            }
-            row.columns.push_back({element.substr(0, eq), element.substr(eq + 1)});
-        }
-        rows.push_back(std::move(row));
-        if (strLog.iFlg > 2) {
-            WRITE_TRACE(&strLog, "<iRead_columns_and_values> set to next row");
-        }
+        row.columns.push_back({element.substr(0, eq), element.substr(eq + 1)});
     }
     return true;
 }
 
-bool add_entry(RowList& rows, std::string_view szColumn, std::string_view szValue) {
-    std::string value(szValue);
-    if (!value.empty() && value.front() == '\'') {
-        value.erase(0, 1);
-        if (!value.empty() && value.back() == '\'') {
-            value.pop_back();
-        }
+void add_entry(strRow& row, const std::string& szColumn, const std::string& szValue) {
+    row.columns.push_back({szColumn, szValue});
+    if (strLog.iFlg > 2) {
+        WRITE_TRACE(&strLog, "<add_entry> Create new column Column: %s    Value: %s", szColumn.c_str(),
+                    szValue.c_str());
     }
-    const std::string column(szColumn);
-    if (strLog.iFlg > 1) {
-        WRITE_TRACE(&strLog, "<add_entry> szColumn : %s", column.c_str());
-        WRITE_TRACE(&strLog, "<add_entry> szTmp     : %s", value.c_str());
-    }
-    const std::size_t n = rows_in_use(rows);
-    for (std::size_t i = 0; i < n; ++i) {
-        rows[i].columns.push_back({column, value});
-        if (strLog.iFlg > 2) {
-            WRITE_TRACE(&strLog, "<add_entry> Create new column Column: %s    Value: %s", column.c_str(), value.c_str());
-        }
-    }
-    return true;
 }
 
-int delete_entry(RowList& rows, std::string_view szColumn) {
-    const std::string column(szColumn);
-    if (strLog.iFlg > 1) {
-        WRITE_TRACE(&strLog, "<delete_entry> szColumn: %s", column.c_str());
+int delete_entry(strRow& row, std::string_view szColumn) {
+    auto& cols = row.columns;
+    const auto it = std::find_if(cols.begin(), cols.end(), [&](const strColumns& c) { return c.column == szColumn; });
+    if (it == cols.end()) {
+        return 0;
     }
-    int deleted = 0;
-    const std::size_t n = rows_in_use(rows);
-    for (std::size_t i = 0; i < n; ++i) {
-        auto& cols = rows[i].columns;
-        for (auto it = cols.begin(); it != cols.end(); ++it) {
-            if (it->column == column) {
-                cols.erase(it);
-                ++deleted;
-                break;
-            }
-        }
-    }
-    if (strLog.iFlg > 1) {
-        WRITE_TRACE(&strLog, "<delete_entry> %d entries deleted", deleted);
-    }
-    return deleted;
+    cols.erase(it);
+    return 1;
 }
 
-std::string insert_line(std::string_view table, const strRow& row) {
-    std::string columns;
-    std::string values;
+namespace {
+
+// The column list and the value list of the INSERT line of `row`.
+void insert_lists(const strRow& row, std::string& columns, std::string& values) {
+    columns.clear();
+    values.clear();
     for (const auto& col : row.columns) {
         if (!columns.empty()) {
             columns += ',';
             values += ',';
         }
         columns += col.column;
-        values += quoted(col.value);
+        append_quoted(values, col.value);
     }
-    return "INSERT INTO " + std::string(table) + " (" + columns + ") VALUES (" + values + ");";
 }
 
-bool write_struct(RowList& rows, std::string_view szTable) {
-    const std::string file = image_path(szTable);
-    if (strLog.iFlg > 1) {
-        const std::string table(szTable);
-        WRITE_TRACE(&strLog, "<write_struct> szTable: %s", table.c_str());
-        WRITE_TRACE(&strLog, "<write_struct> try to open file: %s", file.c_str());
-    }
-    const std::size_t n = rows_in_use(rows);
-    // Every row is checked before anything is written.
-    for (std::size_t i = 0; i < n; ++i) {
-        std::size_t columnList = 0;
-        std::size_t valueList = 0;
-        for (const auto& col : rows[i].columns) {
-            columnList += col.column.size() + 1;
-            valueList += quoted(col.value).size() + 1;
-        }
-        if (columnList - 1 > kChangeListMax || valueList - 1 > kChangeListMax) {
-            refuse(szTable, "row " + std::to_string(i + 1) + " of " + file + " makes a column or value list longer than " +
-                                std::to_string(kChangeListMax) + " characters");
-        }
-    }
-    AtomicFile out(file);
-    if (!out.ok()) {
-        std::printf("- can not open file %s return false.\n\n", file.c_str());
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "- can not open file %s return false", file.c_str());
-        }
-        return false;
-    }
-    std::fputs("connect ravik_db\n", out.stream());
-    for (std::size_t i = 0; i < n; ++i) {
-        const std::string line = insert_line(szTable, rows[i]);
-        if (strLog.iFlg > 2) {
-            WRITE_TRACE(&strLog, "%s", line.c_str());
-        }
-        std::fputs(line.c_str(), out.stream());
-        std::fputc('\n', out.stream());
-    }
-    rows.clear();
-    if (!out.commit()) {
-        i_FILE_CLOSE(errno);
-        return false;
-    }
-    return true;
+std::string insert_text(std::string_view table, const std::string& columns, const std::string& values) {
+    std::string line = "INSERT INTO ";
+    line.append(table).append(" (").append(columns).append(") VALUES (").append(values).append(");");
+    return line;
+}
+
+}  // namespace
+
+std::string insert_line(std::string_view table, const strRow& row) {
+    std::string columns;
+    std::string values;
+    insert_lists(row, columns, values);
+    return insert_text(table, columns, values);
 }
 
 void db_change(std::string_view cpTable) {
     const std::string table(cpTable);
-    RowList rows;
-    iRead_columns_and_values(table, rows);
+    const std::string file = image_path(table);
+    if (strLog.iFlg > 1) {
+        WRITE_TRACE(&strLog, "<iRead_columns_and_values> szTable: %s", table.c_str());
+        WRITE_TRACE(&strLog, "<iRead_columns_and_values> try to open file: %s", file.c_str());
+    }
+    // A missing image (an empty table was dumped) gives a script that loads nothing.
+    FilePtr in(std::fopen(file.c_str(), "r"));
+    if (!in) {
+        std::printf("can not open file %s: return false\n", file.c_str());
+        if (strLog.iFlg > 0) {
+            WRITE_TRACE(&strLog, "can not open file %s: return false", file.c_str());
+        }
+    }
 
-    const std::string section = "[" + glbvVersion.value_or("") + table + "]";
+    std::string section = "[";
+    section.append(glbvVersion.value_or("")).append(table).append("]");
     std::string columns = "KEY_NOT_FOUND";
     std::string values = "KEY_NOT_FOUND";
     std::string msg;
@@ -244,48 +227,78 @@ void db_change(std::string_view cpTable) {
         WRITE_TRACE(&strLog, "change table %s", table.c_str());
     }
     std::printf("change table %s\n", table.c_str());
-
+    std::vector<std::pair<std::string, std::string>> additions;
     if (haveColumns || haveValues) {
-        const bool several = columns.find(',') != std::string::npos;
-        const std::vector<std::string> cols = tokens(columns, ',');
-        const std::vector<std::string> vals = tokens(values, ',');
-        for (std::size_t i = 0; i < cols.size(); ++i) {
-            if (i >= vals.size()) {
-                if (i == 0) {
-                    FINISH(RV_ERROR, "db_change: Format error: No further token ',' in value list");
-                }
-                break;
-            }
-            if (vals[i].size() > kChangeValueMax || cols[i].size() > kChangeColumnNameMax) {
-                refuse(table, "ADD_COLUMNS/ADD_VALUES of " + section + " exceed the limits (column name " +
-                                  std::to_string(kChangeColumnNameMax) + ", value " + std::to_string(kChangeValueMax) +
-                                  " characters): " + cols[i]);
-            }
-            std::printf("db_change call add_entry ( pstrFirstRow, %s, %s)\n", cols[i].c_str(), vals[i].c_str());
-            add_entry(rows, cols[i], vals[i]);
-            if (!several) {
-                break;
-            }
-            const auto rest = [](const std::vector<std::string>& list, std::size_t from) {
-                std::string text;
-                for (std::size_t k = from; k < list.size(); ++k) {
-                    text += (k > from ? "," : "") + list[k];
-                }
-                return text;
-            };
-            std::printf("db_change after add_entry ( pstrFirstRow, %s, %s)\n", rest(cols, i + 1).c_str(),
-                        rest(vals, i + 1).c_str());
-        }
+        additions = columns_to_add(table, section, columns, values);
     }
-
     std::string del;
+    std::vector<std::string> deletions;
     if (i_GetPrivateProfileString(rvdb_ini, section, "DEL_COLUMNS", del, msg, kKeySize)) {
-        for (const auto& column : tokens(del, ',')) {
-            delete_entry(rows, column);
-        }
+        deletions = tokens(del, ',');
     }
     std::fflush(stdout);
-    write_struct(rows, table);
+
+    if (strLog.iFlg > 1) {
+        WRITE_TRACE(&strLog, "<write_struct> szTable: %s", table.c_str());
+        WRITE_TRACE(&strLog, "<write_struct> try to open file: %s", file.c_str());
+    }
+    AtomicFile out(file);
+    if (!out.ok()) {
+        std::printf("- can not open file %s return false.\n\n", file.c_str());
+        if (strLog.iFlg > 0) {
+            WRITE_TRACE(&strLog, "- can not open file %s return false", file.c_str());
+        }
+        return;
+    }
+    std::fputs("connect ravik_db\n", out.stream());
+
+    std::vector<int> deleted(deletions.size(), 0);
+    std::string line;
+    std::string why;
+    strRow row;
+    std::string columnList;
+    std::string valueList;
+    std::size_t number = 0;
+    while (in && read_line(in.get(), line)) {
+        ++number;
+        if (line.empty()) {
+            continue;
+        }
+        if (!iRead_columns_and_values(line, row, why)) {
+            std::fflush(stdout);
+            refuse(table, "line " + std::to_string(number) + " of " + file + " " + why, &out);
+        }
+        for (const auto& [column, value] : additions) {
+            add_entry(row, column, value);
+        }
+        for (std::size_t d = 0; d < deletions.size(); ++d) {
+            deleted[d] += delete_entry(row, deletions[d]);
+        }
+        if (row.columns.empty()) {
+            break;  // a row without columns ends the table
+        }
+        insert_lists(row, columnList, valueList);
+        if (columnList.size() > kChangeListMax || valueList.size() > kChangeListMax) {
+            refuse(table,
+                   "line " + std::to_string(number) + " of " + file + " makes a column or value list longer than " +
+                       std::to_string(kChangeListMax) + " characters",
+                   &out);
+        }
+        const std::string insert = insert_text(table, columnList, valueList);
+        if (strLog.iFlg > 2) {
+            WRITE_TRACE(&strLog, "%s", insert.c_str());
+        }
+        std::fputs(insert.c_str(), out.stream());
+        std::fputc('\n', out.stream());
+    }
+    for (std::size_t d = 0; d < deletions.size() && strLog.iFlg > 1; ++d) {
+        WRITE_TRACE(&strLog, "<delete_entry> szColumn: %s", deletions[d].c_str());
+        WRITE_TRACE(&strLog, "<delete_entry> %d entries deleted", deleted[d]);
+    }
+    in.reset();
+    if (!out.commit()) {
+        i_FILE_CLOSE(errno);
+    }
 }
 
 }  // namespace rv

@@ -2,9 +2,10 @@
 // adds columns with fixed values and drops columns as the update script's
 // section "[<main version><table>]" says (ADD_COLUMNS, ADD_VALUES,
 // DEL_COLUMNS), and replaces the image by an SQL script: "connect ravik_db"
-// and one "INSERT INTO t (cols) VALUES (vals);" a row. The replacement is
-// atomic. Nothing is cut: an image or a change beyond the limits below ends
-// the run with a clear message and leaves the image as it was.
+// and one "INSERT INTO t (cols) VALUES (vals);" a row. Rows stream through
+// one at a time, so a table of any size needs little memory; the image is
+// replaced atomically. Nothing is cut: an image or a change beyond the limits
+// below ends the run with a clear message and leaves the image as it was.
 #pragma once
 
 #include <cstddef>
@@ -26,34 +27,29 @@ struct strColumns {
     std::string value;  // as read; the word NULL stands for SQL NULL
 };
 
-// One row. A row without columns ends every walk over the rows.
+// One row. A row left without columns ends the table: rows behind it are
+// not written.
 struct strRow {
     std::vector<strColumns> columns;
 };
 
-using RowList = std::vector<strRow>;
-
 // The change step for `cpTable`. Fatal conditions end the run via FINISH.
 void db_change(std::string_view cpTable);
 
-// Reads the image of `szTable` into `rows`. False when it cannot be opened
-// (then `rows` stays empty). A malformed or overlong line ends the run.
-bool iRead_columns_and_values(std::string_view szTable, RowList& rows);
+// Reads the image line `line` into `row`. Returns false with the reason in
+// `why` when the line is malformed or beyond the limits (the German console
+// notice of a malformed line has then been printed).
+bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& why);
 
-// Appends column `szColumn` with `szValue` (one pair of surrounding single
-// quotes removed) to every row. Returns true.
-bool add_entry(RowList& rows, std::string_view szColumn, std::string_view szValue);
+// Appends column `szColumn` with `szValue` to `row`.
+void add_entry(strRow& row, const std::string& szColumn, const std::string& szValue);
 
-// Removes the first column named `szColumn` (case-sensitive) from every row;
-// returns how many were removed.
-int delete_entry(RowList& rows, std::string_view szColumn);
+// Removes the first column named `szColumn` (case-sensitive) from `row`;
+// returns 1 when one was removed, else 0.
+int delete_entry(strRow& row, std::string_view szColumn);
 
 // The INSERT line of one row: values in single quotes (quotes inside doubled),
 // the word NULL bare.
 std::string insert_line(std::string_view table, const strRow& row);
-
-// Replaces the image of `szTable` by the SQL script and empties `rows`.
-// False when the file cannot be written.
-bool write_struct(RowList& rows, std::string_view szTable);
 
 }  // namespace rv

@@ -101,7 +101,8 @@ std::string build_command_line(std::string_view cpString) {
         if (strLog.iFlg > 1) {
             WRITE_TRACE(&strLog, "iCmdExecute: check token [%s]", token.c_str());
         }
-        cmd += " " + rewrite_command_word(token);
+        cmd += ' ';
+        cmd += rewrite_command_word(token);
         if (strLog.iFlg > 1) {
             WRITE_TRACE(&strLog, "iCmdExecute: szCmd: %s", cmd.c_str());
         }

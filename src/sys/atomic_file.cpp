@@ -11,9 +11,12 @@ AtomicFile::AtomicFile(std::string target)
     fp_ = std::fopen(temp_.c_str(), "w");
 }
 
-AtomicFile::~AtomicFile() {
+AtomicFile::~AtomicFile() { discard(); }
+
+void AtomicFile::discard() {
     if (fp_ != nullptr) {
         std::fclose(fp_);
+        fp_ = nullptr;
     }
     if (!committed_) {
         std::remove(temp_.c_str());
