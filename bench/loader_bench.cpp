@@ -2,154 +2,34 @@
 // measured in the same run on a throwaway server: a backup server's media
 // table, 100,000 and 1,000,000 rows, once without errors and once with 0.1%
 // duplicate keys. Not a test: run by hand, prints rows per second and ratios.
-// The server is durable as in production (fsync and synchronous commit on),
-// unlike the test server, because the cost of a commit decides the result.
+// The server is durable as in production (see bench_server.hpp).
 //
 //   bench_loader [ROWS ...] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT]
-#include <fcntl.h>
 #include <libpq-fe.h>
-#include <pwd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "bench_server.hpp"
 #include "loader/loader.hpp"
 #include "support/run.hpp"
 #include "support/sandbox.hpp"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-struct ConnectionCloser {
-    void operator()(PGconn* conn) const { PQfinish(conn); }
-};
-struct ResultClearer {
-    void operator()(PGresult* result) const { PQclear(result); }
-};
-using Result = std::unique_ptr<PGresult, ResultClearer>;
-using Connection = std::unique_ptr<PGconn, ConnectionCloser>;
-
-void ignore_notice(void* /*arg*/, const char* /*message*/) {}
-
-Connection connect(const std::string& db) {
-    Connection conn(PQconnectdb(("dbname=" + db).c_str()));
-    if (PQstatus(conn.get()) != CONNECTION_OK) {
-        throw std::runtime_error(PQerrorMessage(conn.get()));
-    }
-    PQsetNoticeProcessor(conn.get(), ignore_notice, nullptr);
-    return conn;
-}
-
-// First field of the answer to `sql` ("" when there is none).
-std::string query(const std::string& db, const std::string& sql) {
-    const Connection conn = connect(db);
-    const Result result(PQexec(conn.get(), sql.c_str()));
-    const ExecStatusType status = PQresultStatus(result.get());
-    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
-        throw std::runtime_error(sql + ": " + PQresultErrorMessage(result.get()));
-    }
-    return PQntuples(result.get()) > 0 ? PQgetvalue(result.get(), 0, 0) : "";
-}
-
-// A throwaway durable server in a temporary directory, reached through a
-// unix socket there (PGHOST, PGPORT and PGUSER are set for the children).
-class DurableServer {
-  public:
-    DurableServer() {
-        for (const auto& entry : fs::directory_iterator("/usr/lib/postgresql")) {
-            if (fs::exists(entry.path() / "bin/initdb")) {
-                bindir_ = (entry.path() / "bin").string();
-            }
-        }
-        if (bindir_.empty()) {
-            throw std::runtime_error("no PostgreSQL server programs under /usr/lib/postgresql");
-        }
-        std::string dir = (fs::temp_directory_path() / "rvbench.XXXXXX").string();
-        if (mkdtemp(dir.data()) == nullptr) {
-            throw std::runtime_error("mkdtemp failed");
-        }
-        dir_ = dir;
-        if (geteuid() == 0) {
-            const passwd* pw = getpwnam("postgres");
-            if (pw == nullptr || chown(dir_.c_str(), pw->pw_uid, pw->pw_gid) != 0) {
-                throw std::runtime_error("cannot hand " + dir_ + " to user postgres");
-            }
-        }
-        must(as_server({bindir_ + "/initdb", "-D", dir_ + "/data", "-U", "postgres", "-A", "trust",
-                        "-E", "UTF8", "--locale=C", "-N"}));
-        must(as_server({bindir_ + "/pg_ctl", "-D", dir_ + "/data", "-l", dir_ + "/server.log", "-w",
-                        "-o", "-c listen_addresses='' -k " + dir_ + " -p 5432", "start"}));
-        running_ = true;
-        start_watchdog();
-        setenv("PGHOST", dir_.c_str(), 1);
-        setenv("PGPORT", "5432", 1);
-        setenv("PGUSER", "postgres", 1);
-    }
-    ~DurableServer() {
-        if (running_) {
-            rvtest::run(
-                as_server({bindir_ + "/pg_ctl", "-D", dir_ + "/data", "-m", "fast", "-w", "stop"}));
-        }
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
-    DurableServer(const DurableServer&) = delete;
-    DurableServer& operator=(const DurableServer&) = delete;
-
-  private:
-    // A process that stops the server and removes its directory once this
-    // one has ended in whatever way (interrupted, killed by a closed pipe).
-    void start_watchdog() {
-        std::array<int, 2> fds{-1, -1};
-        if (pipe2(fds.data(), O_CLOEXEC) != 0) {
-            return;  // without a watchdog only a normal end cleans up
-        }
-        std::string script = "read _;";
-        for (const auto& arg :
-             as_server({bindir_ + "/pg_ctl", "-D", dir_ + "/data", "-m", "fast", "-w", "stop"})) {
-            script += " '" + arg + "'";
-        }
-        script += " >/dev/null 2>&1; rm -rf '" + dir_ + "'";
-        const pid_t pid = fork();
-        if (pid == 0) {
-            setsid();
-            dup2(fds[0], 0);
-            execl("/bin/sh", "sh", "-c", script.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(fds[0]);
-        watchdog_pipe_ = fds[1];  // closed only when this process ends
-    }
-
-    static std::vector<std::string> as_server(std::vector<std::string> argv) {
-        if (geteuid() == 0) {
-            argv.insert(argv.begin(), {"/usr/sbin/runuser", "-u", "postgres", "--"});
-        }
-        return argv;
-    }
-    static void must(const std::vector<std::string>& argv) {
-        const rvtest::RunResult result = rvtest::run(argv);
-        if (result.status != 0) {
-            throw std::runtime_error(argv.front() + " failed: " + result.out + result.err);
-        }
-    }
-
-    std::string bindir_;
-    std::string dir_;
-    bool running_ = false;
-    int watchdog_pipe_ = -1;
-};
+using rvbench::connect;
+using rvbench::Connection;
+using rvbench::query;
+using rvbench::Result;
+using rvbench::seconds_since;
 
 struct Row {
     long id;
@@ -176,7 +56,7 @@ std::vector<Row> make_rows(long count) {
                       26 + (seed >> 60), 1 + (seed >> 20) % 12, 1 + (seed >> 30) % 28,
                       (seed >> 40) % 24, (seed >> 50) % 60);
         Row row{i,
-                "A" + std::to_string(100000 + i),
+                std::string("A").append(std::to_string(100000 + i)),
                 kPools[(seed >> 33) % 6],
                 static_cast<long>((seed >> 16) % 800000000000UL),
                 expires.data(),
@@ -241,10 +121,6 @@ void fresh_table() {
           "create table media (id bigint primary key, label text not null, pool text, size bigint, "
           "expires text, note text)");
     query("ravik_db", "checkpoint");
-}
-
-double seconds_since(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 double run_copy(const std::string& text) {
@@ -321,7 +197,7 @@ int main(int argc, char** argv) {
         sizes = {100000, 1000000};
     }
     try {
-        const DurableServer server;
+        const rvbench::DurableServer server;
         query("postgres", "create database ravik_db");
         std::printf("server: fsync %s, synchronous_commit %s\n",
                     query("ravik_db", "show fsync").c_str(),
