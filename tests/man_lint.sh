@@ -1,64 +1,40 @@
 #!/bin/sh
-# Checks the manual pages named on the command line: each must format without
-# a single warning or error. Uses groff with all warnings on (on a terminal
-# device and on the default typesetter), or mandoc's lint mode where groff is
-# missing. Exit 0 when every page is clean, 1 when one is not, 77 (skipped)
-# when neither formatter is installed.
+# Checks the manual pages named on the command line: each must be plain ASCII
+# and format without a single warning, with groff (all warnings on, terminal
+# and typesetter devices) or, where groff is missing, mandoc's lint mode.
+# Exit 0 when every page is clean, 1 when one is not, 77 (skipped) when
+# neither formatter is installed.
 set -u
-
-if [ $# -eq 0 ]; then
-    echo "usage: $0 PAGE..." >&2
-    exit 2
-fi
-
+[ $# -gt 0 ] || { echo "usage: $0 PAGE..." >&2; exit 2; }
 if command -v groff >/dev/null 2>&1; then
-    check() {
-        for device in utf8 ps; do
-            out=$(groff -ww -z -man -T"$device" "$1" 2>&1) || {
-                echo "$1: groff -T$device failed"
-                [ -n "$out" ] && echo "$out"
-                return 1
-            }
-            if [ -n "$out" ]; then
-                echo "$1: groff -T$device warns:"
-                echo "$out"
-                return 1
-            fi
-        done
-    }
+    set -- utf8 ps -- "$@"
 elif command -v mandoc >/dev/null 2>&1; then
-    check() {
-        out=$(mandoc -T lint -W warning "$1" 2>&1) || {
-            echo "$1: mandoc -T lint failed"
-            [ -n "$out" ] && echo "$out"
-            return 1
-        }
-        if [ -n "$out" ]; then
-            echo "$1: mandoc warns:"
-            echo "$out"
-            return 1
-        fi
-    }
+    set -- lint -- "$@"
 else
     echo "neither groff nor mandoc is installed: the manual pages are not checked"
     exit 77
 fi
-
+devices=""
+while [ "$1" != "--" ]; do devices="$devices $1"; shift; done
+shift
 status=0
 for page in "$@"; do
     if [ ! -r "$page" ]; then
-        echo "$page: cannot be read"
-        status=1
-        continue
+        echo "$page: cannot be read"; status=1; continue
     fi
-    # The pages are plain ASCII: other characters are written as roff escapes.
-    if LC_ALL=C grep -n '[^[:print:][:space:]]' "$page" >/dev/null; then
-        echo "$page: holds characters outside ASCII (write them as roff escapes):"
-        LC_ALL=C grep -n '[^[:print:][:space:]]' "$page"
-        status=1
-        continue
+    if LC_ALL=C grep -n '[^[:print:][:space:]]' "$page"; then
+        echo "$page: holds characters outside ASCII (write them as roff escapes)"; status=1; continue
     fi
-    check "$page" || status=1
+    for device in $devices; do
+        if [ "$device" = lint ]; then
+            out=$(mandoc -T lint -W warning "$page" 2>&1)
+        else
+            out=$(groff -ww -z -man -T"$device" "$page" 2>&1)
+        fi
+        if [ $? -ne 0 ] || [ -n "$out" ]; then
+            echo "$page: -T$device fails or warns:"; echo "$out"; status=1
+        fi
+    done
 done
 [ $status -eq 0 ] && echo "$# manual pages clean"
 exit $status

@@ -4,104 +4,69 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <optional>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "support/pgcluster.hpp"
-#include "support/run.hpp"
-#include "support/sandbox.hpp"
 
 namespace {
 
 using rvtest::pg_query;
 using rvtest::PgRows;
+using Lines = std::vector<std::string>;
 
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
+std::string value(const std::string& sql, const std::string& db = "ravik_db") {
+    return *pg_query(db, sql).at(0).at(0);
 }
 
-std::vector<std::string> error_lines(const std::string& out) {
-    std::vector<std::string> errors;
-    for (const auto& line : lines_of(out)) {
-        if (line.find("Error") != std::string::npos) {
-            errors.push_back(line);
-        }
-    }
-    return errors;
-}
-
-std::string last_line(const std::string& out) {
-    const auto lines = lines_of(out);
-    return lines.empty() ? "" : lines.back();
-}
-
-std::string count(const std::string& sql) {
-    return *pg_query("ravik_db", sql).at(0).at(0);
-}
+struct Load : rvtest::RunResult {
+    Lines errors;         // the lines that report a failed statement
+    std::string summary;  // the last line
+};
 
 class DbLoader : public ::testing::Test {
   protected:
     void SetUp() override {
-        port = std::to_string(rvtest::pg_server().port);
         rvtest::pg_recreate_db("ravik_db");
         pg_query("ravik_db",
                  "create table media (id int primary key, label text, pool text, size bigint, "
                  "expires text, note text)");
     }
-
-    // Runs oaisql on `script` with the extra arguments.
-    rvtest::RunResult load(const std::string& script, const std::vector<std::string>& args = {"-e"},
-                           const std::map<std::string, std::string>& env = {}) {
-        const std::string file = box.path("work/script.tmp");
-        rvtest::write_file(file, script);
-        return load_file(file, args, env);
-    }
-
-    rvtest::RunResult load_file(const std::string& file, const std::vector<std::string>& args,
-                                std::map<std::string, std::string> env = {}) {
-        std::vector<std::string> argv{rvtest::bin("oaisql"), "-c", file};
+    // Runs oaisql on `script` (or on the file `file`) with the extra arguments.
+    Load load(const std::string& script, const Lines& args = {"-e"}, rvtest::Env env = {},
+              std::string file = "") {
+        if (file.empty()) {
+            file = box.path("work/script.tmp");
+            rvtest::write_file(file, script);
+        }
+        Lines argv{rvtest::bin("oaisql"), "-c", file};
         argv.insert(argv.end(), args.begin(), args.end());
-        env.emplace("PGPORT", port);
-        return rvtest::run(argv, env);
+        env.emplace("PGPORT", std::to_string(rvtest::pg_server().port));
+        Load r{rvtest::run(argv, env), {}, ""};
+        for (const auto& line : rvtest::split_lines(r.out)) {
+            if (line.find("Error") != std::string::npos) {
+                r.errors.push_back(line);
+            }
+            r.summary = line;
+        }
+        return r;
     }
 
     rvtest::Sandbox box;
-    std::string port;
 };
 
 TEST_F(DbLoader, BothScriptFormsLoadEveryValueExactly) {
-    // As the table change step writes it.
-    const auto changed = load(
-        "connect ravik_db\n"
-        "INSERT INTO media (id,label,pool,size,expires,note) VALUES "
-        "('1','A''01','Default','100','2026-01-31 12:00:00',NULL);\n"
-        "INSERT INTO media (id,label,pool,size,expires,note) VALUES "
-        "('2','a,b (c)','P;1','0','','it''s ''quoted'', (x,y)');\n"
-        "INSERT INTO media (id,label,pool,size,expires,note) VALUES "
-        "('3','Grüße 日本 ✓','NULL',NULL,'x','back\\slash');\n");
-    EXPECT_EQ(changed.status, 0) << changed.out << changed.err;
-    EXPECT_TRUE(error_lines(changed.out).empty()) << changed.out;
-    EXPECT_EQ(last_line(changed.out), "oaisql: 3 statements, 3 succeeded, 0 failed");
-
-    // As the export tool writes it: no connect line, a closing row count.
-    const auto exported = load(
-        "INSERT INTO media (id,label,pool,size,expires,note) VALUES "
-        "('4','L4','P',NULL,NULL,'');\n"
-        "INSERT INTO media (id,label,pool,size,expires,note) VALUES "
-        "('5',' padded ','P','5','2027-02-28','a''b');\n"
-        "\n-- 2 rows found \n");
-    EXPECT_EQ(exported.status, 0) << exported.out << exported.err;
-    EXPECT_EQ(last_line(exported.out), "oaisql: 2 statements, 2 succeeded, 0 failed");
-
-    const PgRows rows = pg_query(
-        "ravik_db", "select label, pool, size::text, expires, note from media order by id");
+    const std::string insert = "INSERT INTO media (id,label,pool,size,expires,note) VALUES ";
+    // As the table change step writes it, then as the export tool writes it.
+    auto r = load("connect ravik_db\n" + insert +
+                  "('1','A''01','Default','100','2026-01-31 12:00:00',NULL);\n" + insert +
+                  "('2','a,b (c)','P;1','0','','it''s ''quoted'', (x,y)');\n" + insert +
+                  "('3','Grüße 日本 ✓','NULL',NULL,'x','back\\slash');\n");
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_TRUE(r.errors.empty()) << r.out;
+    EXPECT_EQ(r.summary, "oaisql: 3 statements, 3 succeeded, 0 failed");
+    r = load(insert + "('4','L4','P',NULL,NULL,'');\n" + insert +
+             "('5',' padded ','P','5','2027-02-28','a''b');\n\n-- 2 rows found \n");
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(r.summary, "oaisql: 2 statements, 2 succeeded, 0 failed");
     const PgRows expected{
         {"A'01", "Default", "100", "2026-01-31 12:00:00", std::nullopt},
         {"a,b (c)", "P;1", "0", "", "it's 'quoted', (x,y)"},
@@ -109,16 +74,18 @@ TEST_F(DbLoader, BothScriptFormsLoadEveryValueExactly) {
         {"L4", "P", std::nullopt, std::nullopt, ""},
         {" padded ", "P", "5", "2027-02-28", "a'b"},
     };
-    EXPECT_EQ(rows, expected);
+    EXPECT_EQ(pg_query("ravik_db",
+                       "select label, pool, size::text, expires, note from media order by id"),
+              expected);
 
     // A server that reads backslashes in quotes as escapes gets such a row
     // as the text it reads, like any client sending the line would.
     pg_query("ravik_db", "alter database ravik_db set standard_conforming_strings = off");
-    const auto escaped = load(
+    r = load(
         "INSERT INTO media (id,label,note) VALUES ('6','L6','a\\tb');\n"
         "INSERT INTO media (id,label,note) VALUES ('7','L7','plain');\n");
-    EXPECT_EQ(escaped.status, 0) << escaped.out << escaped.err;
-    EXPECT_EQ(count("select string_agg(note, '|' order by id) from media where id >= 6"),
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(value("select string_agg(note, '|' order by id) from media where id >= 6"),
               "a\tb|plain");
 }
 
@@ -127,47 +94,40 @@ TEST_F(DbLoader, FailingStatementsAreReportedAloneAndTheRestCommittedOnce) {
     // whole group of them; values holding the word Error.
     const std::vector<int> dups{1, 5, 7, 8, 9, 10, 11, 12, 20, 25, 26, 40, 60, 61, 62, 63};
     std::string script = "connect ravik_db\n";
-    std::vector<std::size_t> failing_lines;
     int id = 0;
     for (int i = 0; i < 64; ++i) {
         const bool dup = std::find(dups.begin(), dups.end(), i) != dups.end();
-        const int key = dup ? 1 : ++id;
-        if (dup) {
-            failing_lines.push_back(static_cast<std::size_t>(i) + 2);  // after the connect line
-        }
-        script += "INSERT INTO media (id,label,note) VALUES ('" + std::to_string(key) + "','L" +
-                  std::to_string(i) + "','Error " + std::to_string(i) + "');\n";
+        script += "INSERT INTO media (id,label,note) VALUES ('" + std::to_string(dup ? 1 : ++id) +
+                  "','L" + std::to_string(i) + "','Error " + std::to_string(i) + "');\n";
     }
-
     // Statements per commit and rows per INSERT: one by one, small groups
     // in small commits, the defaults (a group of 50 rows, then single rows).
-    const std::vector<std::vector<std::string>> settings{{"-b", "1", "-g", "1"},
-                                                         {"-b", "4", "-g", "3"},
-                                                         {"-b", "9", "-g", "2"},
-                                                         {"-b", "1000", "-g", "1"},
-                                                         {}};
+    const std::vector<Lines> settings{{"-b", "1", "-g", "1"},
+                                      {"-b", "4", "-g", "3"},
+                                      {"-b", "9", "-g", "2"},
+                                      {"-b", "1000", "-g", "1"},
+                                      {}};
     for (const auto& setting : settings) {
         const std::string batch = setting.empty() ? "default" : setting[1] + "/" + setting[3];
-        std::vector<std::string> args{"-e"};
+        Lines args{"-e"};
         args.insert(args.end(), setting.begin(), setting.end());
         pg_query("ravik_db", "truncate media");
-        const auto result = load(script, args);
-        EXPECT_EQ(result.status, 1) << result.out << result.err;
-        const auto errors = error_lines(result.out);
-        ASSERT_EQ(errors.size(), dups.size()) << "batch " << batch << "\n" << result.out;
-        for (std::size_t i = 0; i < errors.size(); ++i) {
-            const std::string prefix = "Error in line " + std::to_string(failing_lines[i]) +
-                                       ": duplicate key value violates unique constraint";
-            EXPECT_EQ(errors[i].rfind(prefix, 0), 0U) << errors[i];
-            EXPECT_NE(errors[i].find(" | statement: INSERT INTO media"), std::string::npos)
-                << errors[i];
+        const auto r = load(script, args);
+        EXPECT_EQ(r.status, 1) << r.out << r.err;
+        ASSERT_EQ(r.errors.size(), dups.size()) << "batch " << batch << "\n" << r.out;
+        for (std::size_t i = 0; i < dups.size(); ++i) {
+            // The line number counts the connect line.
+            EXPECT_TRUE(r.errors[i].starts_with("Error in line " + std::to_string(dups[i] + 2) +
+                                                ": duplicate key value violates unique "
+                                                "constraint"))
+                << r.errors[i];
+            EXPECT_NE(r.errors[i].find(" | statement: INSERT INTO media"), std::string::npos);
         }
-        EXPECT_EQ(last_line(result.out), "oaisql: 64 statements, 48 succeeded, 16 failed");
-        EXPECT_EQ(count("select count(*) from media"), "48");
-        EXPECT_EQ(count("select label from media where id = 1"), "L0");
-        EXPECT_EQ(
-            count("select string_agg(label, ',' order by id) from media where id between 2 and 5"),
-            "L2,L3,L4,L6");
+        EXPECT_EQ(r.summary, "oaisql: 64 statements, 48 succeeded, 16 failed");
+        EXPECT_EQ(value("select count(*) || ' ' || string_agg(label, ',' order by id) from media "
+                        "where id <= 5"),
+                  "5 L0,L2,L3,L4,L6");
+        EXPECT_EQ(value("select count(*) from media"), "48");
     }
 
     // Without a key, a committed-twice statement would show as an extra row.
@@ -177,22 +137,17 @@ TEST_F(DbLoader, FailingStatementsAreReportedAloneAndTheRestCommittedOnce) {
         events += "INSERT INTO ev (seq,val) VALUES ('" + std::to_string(i) + "','" +
                   (i % 37 == 0 || i == 299 ? "-1" : "1") + "');\n";
     }
-    events += "INSERT INTO missing_table (seq) VALUES ('1');\n";
-    const auto result = load(events, {"-b", "50"});
-    EXPECT_EQ(result.status, 1);
-    const auto errors = error_lines(result.out);
-    ASSERT_EQ(errors.size(), 10U) << result.out;
-    EXPECT_EQ(errors[0].rfind(
-                  "Error in line 37: new row for relation \"ev\" violates check constraint", 0),
-              0U)
-        << errors[0];
-    EXPECT_EQ(errors.back().find("statement:"), std::string::npos) << "without -e only the message";
+    const auto r = load(events + "INSERT INTO missing_table (seq) VALUES ('1');\n", {"-b", "50"});
+    EXPECT_EQ(r.status, 1);
+    ASSERT_EQ(r.errors.size(), 10U) << r.out;
+    EXPECT_TRUE(r.errors[0].starts_with(
+        "Error in line 37: new row for relation \"ev\" violates check constraint"))
+        << r.errors[0];
+    // Without -e only the message.
+    EXPECT_EQ(r.errors.back(), "Error in line 301: relation \"missing_table\" does not exist");
     EXPECT_EQ(
-        errors.back().rfind("Error in line 301: relation \"missing_table\" does not exist", 0), 0U)
-        << errors.back();
-    EXPECT_EQ(count("select count(*) || ' ' || count(distinct seq) || ' ' || sum(seq) from ev"),
-              "291 291 " + std::to_string(300 * 301 / 2 -
-                                          (37 + 74 + 111 + 148 + 185 + 222 + 259 + 296) - 299));
+        value("select count(*) || ' ' || count(distinct seq) || ' ' || sum(seq) from ev"),
+        "291 291 " + std::to_string(300 * 301 / 2 - 37 * (1 + 2 + 3 + 4 + 5 + 6 + 7 + 8) - 299));
 }
 
 TEST_F(DbLoader, OneHugeCommitGroupNeitherSideWaitsForTheOther) {
@@ -204,13 +159,13 @@ TEST_F(DbLoader, OneHugeCommitGroupNeitherSideWaitsForTheOther) {
         script +=
             "INSERT INTO media (id,note) VALUES ('" + std::to_string(i) + "','" + note + "');\n";
     }
-    const auto result = load(script, {"-b", "100000", "-g", "1"});
-    EXPECT_EQ(result.status, 0) << result.out << result.err;
-    EXPECT_EQ(count("select count(*) || ' ' || sum(id) from media"), "60000 1800030000");
+    const auto r = load(script, {"-b", "100000", "-g", "1"});
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(value("select count(*) || ' ' || sum(id) from media"), "60000 1800030000");
 }
 
-TEST_F(DbLoader, StatementsTakeEffectInFileOrder) {
-    const auto result = load(
+TEST_F(DbLoader, StatementsAndSchemaChangesTakeEffectInFileOrder) {
+    const auto r = load(
         "INSERT INTO media (id,label) VALUES ('1','a');\n"
         "INSERT INTO media (id,label) VALUES ('2','b');\n"
         "UPDATE media SET label = label || '+' WHERE id <= 2;\n"
@@ -219,88 +174,57 @@ TEST_F(DbLoader, StatementsTakeEffectInFileOrder) {
         "INSERT INTO media (id,label) VALUES ('1','again');\n"
         "UPDATE media SET size = (SELECT count(*) FROM media);\n"
         "INSERT INTO media (id,label) VALUES ('3','dup');\n"
-        "UPDATE media SET note = 'last' WHERE id = 3;\n");
-    EXPECT_EQ(result.status, 1) << result.out << result.err;
-    ASSERT_EQ(error_lines(result.out).size(), 1U) << result.out;
-    EXPECT_EQ(error_lines(result.out)[0].rfind("Error in line 8: ", 0), 0U);
-    const PgRows rows =
-        pg_query("ravik_db", "select id::text, label, size::text, note from media order by id");
-    const PgRows expected{
-        {"1", "again", "3", std::nullopt},
-        {"2", "b+", "3", std::nullopt},
-        {"3", "c", "3", "last"},
-    };
-    EXPECT_EQ(rows, expected);
-}
-
-TEST_F(DbLoader, SchemaChangesInTheMiddleOfAScript) {
-    const auto result = load(
-        "INSERT INTO media (id,size) VALUES ('1','10');\n"
-        "INSERT INTO media (id,size) VALUES ('2','20');\n"
         "ALTER TABLE media ALTER COLUMN size TYPE text;\n"
-        "INSERT INTO media (id,size) VALUES ('3','big');\n"
+        "INSERT INTO media (id,size) VALUES ('4','big');\n"
         "ALTER TABLE media ADD COLUMN slot int; UPDATE media SET slot = id * 10;\n"
-        "INSERT INTO media (id,slot) VALUES ('4','40');\n"
+        "INSERT INTO media (id,slot) VALUES ('5','50');\n"
         "DROP TABLE IF EXISTS pool; CREATE TABLE pool (name text);\n"
         "INSERT INTO pool (name) VALUES ('p1');\n"
         "ALTER TABLE media DROP COLUMN slot;\n"
-        "INSERT INTO media (id,slot) VALUES ('5','50');\n"
+        "INSERT INTO media (id,slot) VALUES ('6','60');\n"
         "SELECT no_such_function();\n"
-        "INSERT INTO media (id,size) VALUES ('6','x');\n");
-    EXPECT_EQ(result.status, 1) << result.out << result.err;
-    const auto errors = error_lines(result.out);
-    ASSERT_EQ(errors.size(), 2U) << result.out;
-    EXPECT_EQ(errors[0].rfind(
-                  "Error in line 10: column \"slot\" of relation \"media\" does not exist", 0),
-              0U)
-        << errors[0];
-    EXPECT_EQ(errors[1].rfind("Error in line 11: function no_such_function() does not exist", 0),
-              0U)
-        << errors[1];
-    EXPECT_EQ(last_line(result.out), "oaisql: 12 statements, 10 succeeded, 2 failed");
-    EXPECT_EQ(count("select string_agg(id || '=' || size, ',' order by id) from media"),
-              "1=10,2=20,3=big,6=x");
-    EXPECT_EQ(count("select name from pool"), "p1");
+        "UPDATE media SET note = 'last' WHERE id = 3;\n");
+    EXPECT_EQ(r.status, 1) << r.out << r.err;
+    ASSERT_EQ(r.errors.size(), 3U) << r.out;
+    EXPECT_TRUE(r.errors[0].starts_with("Error in line 8: ")) << r.errors[0];
+    EXPECT_TRUE(r.errors[1].starts_with(
+        "Error in line 16: column \"slot\" of relation \"media\" does not exist"))
+        << r.errors[1];
+    EXPECT_TRUE(
+        r.errors[2].starts_with("Error in line 17: function no_such_function() does not exist"))
+        << r.errors[2];
+    EXPECT_EQ(r.summary, "oaisql: 18 statements, 15 succeeded, 3 failed");
+    EXPECT_EQ(value("select string_agg(id || '=' || coalesce(label, '-') || '/' || "
+                    "coalesce(size, '-') || '/' || coalesce(note, '-'), ',' order by id) "
+                    "from media"),
+              "1=again/3/-,2=b+/3/-,3=c/3/last,4=-/big/-,5=-/-/-");
+    EXPECT_EQ(value("select name from pool"), "p1");
 }
 
 TEST_F(DbLoader, UnreadableScriptsAndConnectionFailuresStopWithStatus2) {
-    const auto missing = load_file(box.path("work/no_such.tmp"), {"-e"});
-    EXPECT_EQ(missing.status, 2);
-    EXPECT_NE(missing.err.find("oaisql: cannot read " + box.path("work/no_such.tmp")),
-              std::string::npos)
-        << missing.err;
-    EXPECT_EQ(last_line(missing.out), "oaisql: 0 statements, 0 succeeded, 0 failed, stopped");
-
-    const auto directory = load_file(box.path("work"), {});
-    EXPECT_EQ(directory.status, 2) << directory.out << directory.err;
-
+    const std::string missing = box.path("work/no_such.tmp");
+    auto r = load("", {"-e"}, {}, missing);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("oaisql: cannot read " + missing), std::string::npos) << r.err;
+    EXPECT_EQ(r.summary, "oaisql: 0 statements, 0 succeeded, 0 failed, stopped");
     const std::string row = "INSERT INTO media (id) VALUES ('1');\n";
-    const auto no_db = load("connect no_such_db\n" + row);
-    EXPECT_EQ(no_db.status, 2);
-    EXPECT_NE(no_db.err.find("oaisql: cannot connect to database no_such_db: "), std::string::npos)
-        << no_db.err;
-    EXPECT_TRUE(error_lines(no_db.out).empty()) << no_db.out;
-
-    const auto no_server = load(row, {"-e"}, {{"PGHOST", box.path("no_socket_here")}});
-    EXPECT_EQ(no_server.status, 2);
-    EXPECT_NE(no_server.err.find("cannot connect to database ravik_db"), std::string::npos)
-        << no_server.err;
-    EXPECT_EQ(load("", {}, {{"PGHOST", box.path("no_socket_here")}}).status, 2)
-        << "an empty script still needs the database";
-    EXPECT_EQ(count("select count(*) from media"), "0");
-
+    r = load(row, {"-e"}, {{"PGHOST", box.path("no_socket_here")}});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("oaisql: cannot connect to database ravik_db: "), std::string::npos)
+        << r.err;
     EXPECT_EQ(rvtest::run({rvtest::bin("oaisql"), "-e"}).status, 2);
-    EXPECT_EQ(rvtest::run({rvtest::bin("oaisql"), "-c", box.path("x"), "-x"}).status, 2);
+    EXPECT_EQ(rvtest::run({rvtest::bin("oaisql"), "-c", missing, "-x"}).status, 2);
 
     // A later connect to another database: what ran before stays.
     pg_query("postgres", "drop database if exists ravik_other");
     pg_query("postgres", "create database ravik_other");
     pg_query("ravik_other", "create table media (id int)");
-    const auto switched = load(row + "connect ravik_other\n" + row + "connect no_such_db\n" + row);
-    EXPECT_EQ(switched.status, 2);
-    EXPECT_EQ(last_line(switched.out), "oaisql: 2 statements, 2 succeeded, 0 failed, stopped");
-    EXPECT_EQ(count("select count(*) from media"), "1");
-    EXPECT_EQ(*pg_query("ravik_other", "select count(*) from media").at(0).at(0), "1");
+    r = load(row + "connect ravik_other\n" + row + "connect no_such_db\n" + row);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(r.errors.empty()) << r.out;
+    EXPECT_EQ(r.summary, "oaisql: 2 statements, 2 succeeded, 0 failed, stopped");
+    EXPECT_EQ(value("select count(*) from media"), "1");
+    EXPECT_EQ(value("select count(*) from media", "ravik_other"), "1");
 }
 
 }  // namespace

@@ -1,9 +1,11 @@
 #include "support/run.hpp"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
@@ -11,20 +13,6 @@
 #include "support/sandbox.hpp"
 
 namespace rvtest {
-
-namespace {
-
-std::string temp_file(const char* stem) {
-    std::string tmpl = (std::filesystem::temp_directory_path() / stem).string() + ".XXXXXX";
-    int fd = mkstemp(tmpl.data());
-    if (fd < 0) {
-        throw std::runtime_error("mkstemp failed");
-    }
-    close(fd);
-    return tmpl;
-}
-
-}  // namespace
 
 std::string bin(const std::string& name) {
 #ifdef RV_BIN_DIR
@@ -34,18 +22,28 @@ std::string bin(const std::string& name) {
 #endif
 }
 
-RunResult run(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
-              const std::string& input) {
-    const std::string in_file = temp_file("rvin");
-    const std::string out_file = temp_file("rvout");
-    const std::string err_file = temp_file("rverr");
-    write_file(in_file, input);
-
-    pid_t pid = fork();
-    if (pid < 0) {
+Background::Background(const std::vector<std::string>& argv, const Env& env,
+                       const std::string& input) {
+    for (const char* stem : {"rvin", "rvout", "rverr"}) {
+        std::string tmpl = (std::filesystem::temp_directory_path() / stem).string() + ".XXXXXX";
+        const int fd = mkstemp(tmpl.data());
+        if (fd < 0) {
+            throw std::runtime_error("mkstemp failed");
+        }
+        close(fd);
+        files_.push_back(tmpl);
+    }
+    write_file(files_[0], input);
+    std::vector<char*> args;
+    for (const auto& a : argv) {
+        args.push_back(const_cast<char*>(a.c_str()));
+    }
+    args.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ < 0) {
         throw std::runtime_error("fork failed");
     }
-    if (pid == 0) {
+    if (pid_ == 0) {
         for (const auto& [key, value] : env) {
             if (value.empty()) {
                 unsetenv(key.c_str());
@@ -53,30 +51,38 @@ RunResult run(const std::vector<std::string>& argv, const std::map<std::string, 
                 setenv(key.c_str(), value.c_str(), 1);
             }
         }
-        int in = open(in_file.c_str(), O_RDONLY);
-        int out = open(out_file.c_str(), O_WRONLY | O_TRUNC);
-        int err = open(err_file.c_str(), O_WRONLY | O_TRUNC);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(err, 2);
-        std::vector<char*> args;
-        for (const auto& a : argv) {
-            args.push_back(const_cast<char*>(a.c_str()));
+        for (int fd = 0; fd < 3; ++fd) {
+            dup2(open(files_[fd].c_str(), fd == 0 ? O_RDONLY : O_WRONLY | O_TRUNC), fd);
         }
-        args.push_back(nullptr);
         execv(args[0], args.data());
         _exit(127);
     }
-    int status = 0;
-    waitpid(pid, &status, 0);
+}
+
+Background::~Background() {
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    for (const auto& file : files_) {
+        std::remove(file.c_str());
+    }
+}
+
+RunResult Background::wait() {
     RunResult result;
-    result.out = read_file(out_file);
-    result.err = read_file(err_file);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    std::remove(in_file.c_str());
-    std::remove(out_file.c_str());
-    std::remove(err_file.c_str());
+    int status = 0;
+    if (pid_ > 0 && waitpid(pid_, &status, 0) == pid_) {
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    pid_ = -1;
+    result.out = read_file(files_[1]);
+    result.err = read_file(files_[2]);
     return result;
+}
+
+RunResult run(const std::vector<std::string>& argv, const Env& env, const std::string& input) {
+    return Background(argv, env, input).wait();
 }
 
 }  // namespace rvtest

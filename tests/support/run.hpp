@@ -1,6 +1,9 @@
-// Runs a built program as a user would: arguments, extra environment,
-// standard input; returns its standard output, standard error and exit status.
+// Runs built programs as a user would: arguments, extra environment (an
+// empty value unsets the variable), standard input; collects standard
+// output, standard error and the exit status.
 #pragma once
+
+#include <sys/types.h>
 
 #include <map>
 #include <string>
@@ -14,12 +17,29 @@ struct RunResult {
     int status = -1;  // exit status, or 128 + signal number
 };
 
+using Env = std::map<std::string, std::string>;
+
 // Path of a program built into the build's bin directory.
 std::string bin(const std::string& name);
 
-// Runs `argv` (argv[0] is the program path) with the test's environment plus
-// `env` (an empty value unsets the variable), feeding `input` on standard input.
-RunResult run(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env = {},
+// A program started in the background (argv[0] is its path); killed if the
+// object goes away before wait().
+class Background {
+  public:
+    explicit Background(const std::vector<std::string>& argv, const Env& env = {},
+                        const std::string& input = "");
+    ~Background();
+    Background(const Background&) = delete;
+    Background& operator=(const Background&) = delete;
+    pid_t pid() const { return pid_; }
+    RunResult wait();
+
+  private:
+    pid_t pid_ = -1;
+    std::vector<std::string> files_;  // standard input, output, error
+};
+
+RunResult run(const std::vector<std::string>& argv, const Env& env = {},
               const std::string& input = "");
 
 }  // namespace rvtest

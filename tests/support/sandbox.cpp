@@ -1,6 +1,5 @@
 #include "support/sandbox.hpp"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -13,40 +12,31 @@ namespace fs = std::filesystem;
 
 namespace rvtest {
 
-namespace {
-
-const char* const kDirKeys[][2] = {
-    {"gv_ro", "ro/"},           {"gv_ro_bin", "ro/bin/"},   {"gv_ro_db", "ro/db/"},
-    {"gv_rw", "rw/"},           {"gv_rw_db", "rw/db/"},     {"gv_rw_work", "rw/work/"},
-    {"gv_rw_tmp", "rw/tmp/"},   {"gv_rw_ini", "rw/ini/"},   {"gv_rw_lgc", "rw/lgc/"},
-    {"gv_rw_glbv", "rw/glbv/"},
-};
-
-}  // namespace
-
 Sandbox::Sandbox() {
     std::string tmpl = (fs::temp_directory_path() / "rvtest.XXXXXX").string();
     if (mkdtemp(tmpl.data()) == nullptr) {
         throw std::runtime_error("mkdtemp failed");
     }
     root_ = tmpl;
-    for (const auto& kv : kDirKeys) {
-        keys_[kv[0]] = path(kv[1]);
-        fs::create_directories(path(kv[1]));
+    keys_ = {{"gv_ro", path("ro/")},         {"gv_ro_bin", path("ro/bin/")},
+             {"gv_ro_db", path("ro/db/")},   {"gv_rw", path("rw/")},
+             {"gv_rw_db", path("rw/db/")},   {"gv_rw_work", path("rw/work/")},
+             {"gv_rw_tmp", path("rw/tmp/")}, {"gv_rw_ini", path("rw/ini/")},
+             {"gv_rw_lgc", path("rw/lgc/")}, {"gv_rw_glbv", path("rw/glbv/")}};
+    for (const auto& [key, dir] : keys_) {
+        fs::create_directories(dir);
     }
-    fs::create_directories(path("etc"));
     write_file(root_ini(), "# root configuration\nRV_INI=" + rv_ini() + "\n");
     write_rv_ini();
     if (const char* old = std::getenv("RAVIK_INI")) {
-        had_ravik_ini_ = true;
         saved_ravik_ini_ = old;
     }
     setenv("RAVIK_INI", root_ini().c_str(), 1);
 }
 
 Sandbox::~Sandbox() {
-    if (had_ravik_ini_) {
-        setenv("RAVIK_INI", saved_ravik_ini_.c_str(), 1);
+    if (saved_ravik_ini_) {
+        setenv("RAVIK_INI", saved_ravik_ini_->c_str(), 1);
     } else {
         unsetenv("RAVIK_INI");
     }
@@ -54,10 +44,8 @@ Sandbox::~Sandbox() {
     fs::remove_all(root_, ec);
 }
 
-std::string Sandbox::path(const std::string& rel) const { return (root_ / rel).string(); }
-
 std::string Sandbox::dir(const std::string& key) const {
-    auto it = keys_.find(key);
+    const auto it = keys_.find(key);
     return it == keys_.end() ? std::string() : it->second;
 }
 
@@ -66,9 +54,7 @@ void Sandbox::write_rv_ini(const std::string& extra) {
     for (const auto& [key, value] : keys_) {
         text += key + "=" + value + "\n";
     }
-    text += extra_sections;
-    text += extra;
-    write_file(rv_ini(), text);
+    write_file(rv_ini(), text + extra_sections + extra);
 }
 
 void Sandbox::set_path_key(const std::string& key, const std::string& value) {
@@ -81,29 +67,35 @@ void Sandbox::set_path_key(const std::string& key, const std::string& value) {
 }
 
 void Sandbox::make_installation() {
-    write_file(root_ini(), "RV_INI=" + rv_ini() + "\nOPENRDA_INI=" + path("etc/openrda.ini") + "\n");
+    write_file(root_ini(),
+               "RV_INI=" + rv_ini() + "\nOPENRDA_INI=" + path("etc/openrda.ini") + "\n");
     extra_sections += "[SERVER]\ngv_port_db=5432\n";
     write_rv_ini();
-    const std::string ro = dir("gv_ro");
-    write_file(ro + "skel/ravik_srv.1.6.4", "[CVS_UPDATE]\nversion=1.6.4.71\n");
-    write_file(ro + "downgrade/skel/ravik_srv.1.6.3", "[CVS_UPDATE]\nversion=1.6.3.20\n");
-    const std::string schema = dir("gv_rw_db") + "schema/ravik/";
-    write_file(schema + "base.dat", "base\n");
-    write_file(schema + "sub/media.dat", "media\n");
+    write_file(dir("gv_ro") + "skel/ravik_srv.1.6.4", "[CVS_UPDATE]\nversion=1.6.4.71\n");
+    write_file(dir("gv_ro") + "downgrade/skel/ravik_srv.1.6.3", "[CVS_UPDATE]\nversion=1.6.3.20\n");
+    write_file(dir("gv_rw_db") + "schema/ravik/base.dat", "base\n");
+    write_file(dir("gv_rw_db") + "schema/ravik/sub/media.dat", "media\n");
 }
 
 void Sandbox::write_debug_ini(const std::string& content) {
     write_file(dir("gv_rw_ini") + "debug.ini", content);
 }
 
+void Sandbox::set_glbv(const std::string& name, const std::string& value) {
+    write_file(dir("gv_rw_glbv") + name + ".rgv", value);
+}
+
+std::string Sandbox::use_protocol() {
+    set_glbv("gv_prot", path("prot.log"));
+    return path("prot.log");
+}
+
 void write_file(const std::string& file, const std::string& content) {
-    fs::path p(file);
-    if (p.has_parent_path()) {
-        fs::create_directories(p.parent_path());
+    if (fs::path(file).has_parent_path()) {
+        fs::create_directories(fs::path(file).parent_path());
     }
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    out << content;
-    if (!out) {
+    if (!(out << content)) {
         throw std::runtime_error("cannot write " + file);
     }
 }
@@ -115,42 +107,50 @@ std::string read_file(const std::string& file) {
     return ss.str();
 }
 
-std::vector<std::string> read_lines(const std::string& file) {
+std::vector<std::string> split_lines(const std::string& text) {
     std::vector<std::string> lines;
-    std::ifstream in(file, std::ios::binary);
+    std::istringstream in(text);
     for (std::string line; std::getline(in, line);) {
         lines.push_back(line);
     }
     return lines;
 }
 
+std::vector<std::string> read_lines(const std::string& file) {
+    return split_lines(read_file(file));
+}
+
+std::vector<std::string> protocol_texts(const std::string& file) {
+    std::vector<std::string> texts;
+    for (const auto& line : read_lines(file)) {
+        const auto bracket = line.find('[');
+        const auto colon = line.find("]: ");
+        const bool ok = bracket != std::string::npos && bracket >= 12 && colon != std::string::npos;
+        texts.push_back(ok ? line.substr(bracket - 12, 12) + " " + line.substr(colon + 3) : line);
+    }
+    return texts;
+}
+
 CaptureFd::CaptureFd(int fd) : fd_(fd) {
-    std::string tmpl = (fs::temp_directory_path() / "rvcap.XXXXXX").string();
-    int tmp = mkstemp(tmpl.data());
+    file_ = (fs::temp_directory_path() / "rvcap.XXXXXX").string();
+    const int tmp = mkstemp(file_.data());
     if (tmp < 0) {
         throw std::runtime_error("mkstemp failed");
     }
-    file_ = tmpl;
     std::fflush(nullptr);
     saved_ = dup(fd_);
     dup2(tmp, fd_);
     close(tmp);
 }
 
-CaptureFd::~CaptureFd() {
-    if (!done_) {
-        finish();
-    }
-}
-
 std::string CaptureFd::finish() {
-    if (done_) {
+    if (saved_ < 0) {
         return {};
     }
-    done_ = true;
     std::fflush(nullptr);
     dup2(saved_, fd_);
     close(saved_);
+    saved_ = -1;
     std::string text = read_file(file_);
     std::remove(file_.c_str());
     return text;

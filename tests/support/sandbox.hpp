@@ -6,14 +6,14 @@
 
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace rvtest {
 
 class Sandbox {
-public:
-    // Creates the tree and points RAVIK_INI at its root file.
+  public:
     Sandbox();
     ~Sandbox();
     Sandbox(const Sandbox&) = delete;
@@ -21,15 +21,13 @@ public:
 
     const std::filesystem::path& root() const { return root_; }
     // "<root>/<rel>" as text.
-    std::string path(const std::string& rel) const;
+    std::string path(const std::string& rel) const { return (root_ / rel).string(); }
     // Directory value of a [PATHES] key, with its trailing '/'.
     std::string dir(const std::string& key) const;
-
-    // Path of rv.ini and of the root configuration file.
     std::string rv_ini() const { return path("etc/rv.ini"); }
     std::string root_ini() const { return path("etc/ravik.ini"); }
 
-    // Rewrites rv.ini from the [PATHES] keys plus `extra` (whole sections).
+    // Rewrites rv.ini from the [PATHES] keys, extra_sections and `extra`.
     void write_rv_ini(const std::string& extra = "");
     // Sets or, with an empty value, removes a [PATHES] key; rewrites rv.ini.
     void set_path_key(const std::string& key, const std::string& value);
@@ -39,40 +37,57 @@ public:
     // (downgrade/skel/ravik_srv.1.6.3), and a schema directory
     // <gv_rw_db>schema/ravik/ with two files.
     void make_installation();
-    // Writes <gv_rw_ini>debug.ini with `content`.
+    // Writes <gv_rw_ini>debug.ini.
     void write_debug_ini(const std::string& content);
+    // Writes the global variable `name` (<gv_rw_glbv><name>.rgv).
+    void set_glbv(const std::string& name, const std::string& value);
+    // Points the protocol (global variable gv_prot) at <root>/prot.log;
+    // returns that path.
+    std::string use_protocol();
 
     // Extra text appended to rv.ini on every rewrite ([SETUP], [SERVER], ...).
     std::string extra_sections;
 
-private:
+  private:
     std::filesystem::path root_;
     std::map<std::string, std::string> keys_;
-    std::string saved_ravik_ini_;
-    bool had_ravik_ini_ = false;
+    std::optional<std::string> saved_ravik_ini_;
 };
 
 // Writes `content` to `file`, creating parent directories.
 void write_file(const std::string& file, const std::string& content);
 // Whole content of `file`, or "" when it cannot be read.
 std::string read_file(const std::string& file);
-// Lines of `file`.
+// Lines of `text` (a last line without line feed counts), and of `file`.
+std::vector<std::string> split_lines(const std::string& text);
 std::vector<std::string> read_lines(const std::string& file);
+// The lines of protocol file `file` as "<12-character code> <text>", without
+// time stamp and process id (a line of another shape stays whole).
+std::vector<std::string> protocol_texts(const std::string& file);
 
-// Standard output or error captured while `fn` runs (file descriptor level,
-// so output of printf, std::cout and child processes is caught).
+// Output to file descriptor `fd` (1 or 2) captured from construction to
+// finish(), at descriptor level, so that children's output is caught too.
 class CaptureFd {
-public:
+  public:
     explicit CaptureFd(int fd);
-    ~CaptureFd();
+    ~CaptureFd() { finish(); }
+    CaptureFd(const CaptureFd&) = delete;
+    CaptureFd& operator=(const CaptureFd&) = delete;
     // Stops capturing and returns what was written.
     std::string finish();
 
-private:
+  private:
     int fd_;
     int saved_ = -1;
     std::string file_;
-    bool done_ = false;
 };
+
+// What `fn` writes to file descriptor `fd`.
+template <class Fn>
+std::string capture(int fd, Fn&& fn) {
+    CaptureFd c(fd);
+    fn();
+    return c.finish();
+}
 
 }  // namespace rvtest

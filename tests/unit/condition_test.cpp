@@ -1,4 +1,4 @@
-// Step conditions and the parser's field reader.
+// Step conditions: release and database type tests.
 #include "update/condition.hpp"
 
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 namespace {
 
 class Condition : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         rv::pathes.version_old = "1.6.4.71";
         rv::pathes.version = "2.0.1.15";
@@ -18,72 +18,46 @@ protected:
         rv::pathes.version_old.clear();
         rv::pathes.version.clear();
     }
-    void set_db_type(const std::string& type) {
-        rvtest::write_file(box.dir("gv_rw_glbv") + "gv_db_type.rgv", type);
-    }
-    static bool holds(std::string text) { return rv::iCondition(text); }
-
     rvtest::Sandbox box;
 };
 
-TEST_F(Condition, ReleasePrefixMatchesEveryBuild) {
-    EXPECT_TRUE(holds("$old_version < \"2.0.1.\""));
-    EXPECT_TRUE(holds("$old_version == \"1.6.4.\""));
-    EXPECT_FALSE(holds("$old_version > \"1.6.4.\""));
-    EXPECT_TRUE(holds("$new_version == \"2.0.1.\""));
-    EXPECT_TRUE(holds("$new_version >= \"2.0.1.\""));
-    EXPECT_FALSE(holds("$new_version <> \"2.0.1.\""));
-    EXPECT_TRUE(holds("$new_version <> $old_version"));
+TEST_F(Condition, ReleasesCompareByCharacterAndOperatorsByTheirCharacters) {
+    box.set_glbv("gv_db_type", "POSTGRESQL");
+    const std::pair<const char*, bool> cases[] = {
+        // A release prefix matches every build of it.
+        {"$old_version < \"2.0.1.\"", true},
+        {"$old_version == \"1.6.4.\"", true},
+        {"$old_version > \"1.6.4.\"", false},
+        {"$new_version >= \"2.0.1.\"", true},
+        {"$new_version <> \"2.0.1.\"", false},
+        {"$new_version <> $old_version", true},
+        {"\"1.10.\" < \"1.9.\"", true},
+        {"$old_version => \"1.6.4.\"", true},  // like >=
+        {"$old_version != \"1.6.4.\"", true},  // '=' in it: holds on equality
+        {"$old_version != \"1.6.5.\"", false},
+        {"$old_version ~ \"1.6.4.\"", false},  // none of = < >: never holds
+        {"$old_version >", true},              // a missing argument: whole texts
+        {"$old_version < 1.6.4.", true},       // meets the other side's quote
+        // One word tests the database type; two blanks make the operator empty.
+        {"postgresql", true},
+        {"oracle", false},
+        {"$old_version  < \"2.0.1.\"", false},
+    };
+    for (const auto& [text, holds] : cases) {
+        std::string s = text;
+        EXPECT_EQ(rv::iCondition(s), holds) << text;
+    }
+    box.set_glbv("gv_db_type", "");
+    std::string type = "postgresql";
+    EXPECT_FALSE(rv::iCondition(type));
+    EXPECT_EQ(type, "postgresql");  // not rewritten
     rv::pathes.version = rv::pathes.version_old;
-    EXPECT_FALSE(holds("$new_version <> $old_version"));
-}
-
-TEST_F(Condition, ComparisonIsByCharacterAndOperatorByItsCharacters) {
-    EXPECT_TRUE(holds("\"1.10.\" < \"1.9.\""));
-    EXPECT_TRUE(holds("$old_version => \"1.6.4.\""));   // like >=
-    EXPECT_TRUE(holds("$old_version != \"1.6.4.\""));   // '=' in it: holds on equality
-    EXPECT_FALSE(holds("$old_version != \"1.6.5.\""));
-    EXPECT_FALSE(holds("$old_version ~ \"1.6.4.\""));    // none of = < >: never holds
-    // A missing second argument compares the whole texts.
-    EXPECT_TRUE(holds("$old_version >"));
-    // An unquoted literal meets the other side's opening quote.
-    EXPECT_TRUE(holds("$old_version < 1.6.4."));
-}
-
-TEST_F(Condition, ComparisonRewritesTheText) {
+    std::string same = "$new_version <> $old_version";
+    EXPECT_FALSE(rv::iCondition(same));
+    // A comparison is rewritten with the versions in place.
     std::string text = "$old_version < \"2.0.1.\"";
     EXPECT_TRUE(rv::iCondition(text));
     EXPECT_EQ(text, "[ \"1.6.4.71\" < \"2.0.1.\" ]");
-    text = "\"a\" == $new_version";
-    rv::iCondition(text);
-    EXPECT_EQ(text, "[ \"a\" == \"2.0.1.15\" ]");
-}
-
-TEST_F(Condition, OneWordTestsTheDatabaseType) {
-    set_db_type("POSTGRESQL");
-    std::string text = "postgresql";
-    EXPECT_TRUE(rv::iCondition(text));
-    EXPECT_EQ(text, "postgresql");  // not rewritten
-    EXPECT_FALSE(holds("oracle"));
-    // Two blanks make the operator empty: a database type test of the word.
-    EXPECT_FALSE(holds("$old_version  < \"2.0.1.\""));
-    set_db_type("");
-    EXPECT_FALSE(holds("postgresql"));
-}
-
-TEST(GetString, CutsAtTheSeparatorAndTrims) {
-    std::string out;
-    EXPECT_EQ(rv::get_string("cmd  ls -l", out, 0, ' '), 4u);
-    EXPECT_EQ(out, "cmd");
-    EXPECT_EQ(rv::get_string("[ $a < \"b\" ] && cmd", out, 2, ']'), 12u);
-    EXPECT_EQ(out, "$a < \"b\"");
-    EXPECT_EQ(rv::get_string("sql  db \tselect 1 ", out, 5, '\0'), 19u);
-    EXPECT_EQ(out, "db \tselect 1");
-    // Without a separator the position lies one behind the end; reading on
-    // from there gives nothing.
-    EXPECT_EQ(rv::get_string("exit", out, 0, ' '), 5u);
-    EXPECT_EQ(rv::get_string("exit", out, 5, ' '), 6u);
-    EXPECT_EQ(out, "");
 }
 
 }  // namespace

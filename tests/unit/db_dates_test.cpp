@@ -1,101 +1,54 @@
 // Date and column-name forms by database type (global variable gv_db_type).
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
-#include "config/glbv.hpp"
 #include "db/dates.hpp"
 #include "support/sandbox.hpp"
 
 namespace {
 
-class DbDates : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        set("gv_prot", box.path("prot.log"));
-        rv::eLang = rv::LANG_EN;
-    }
-    void TearDown() override { rv::eLang = rv::LANG_EN; }
-
-    static void set(const std::string& name, const std::string& value) {
-        std::string n = name;
-        std::string v = value;
-        rv::glbv('w', n, v);
-    }
-    void type(const std::string& t) { set("gv_db_type", t); }
-
-    std::string convert(const std::string& key, const std::string& value, bool expect_ok = true) {
-        std::string msg = value;
-        EXPECT_EQ(rv::iDB_CONVERT_DATE_TIME(key, msg, log), expect_ok) << key;
-        return msg;
-    }
-
-    rvtest::Sandbox box;
-    rv::str_log log;
+struct Case {
+    std::string type, key, in, out;
 };
 
-TEST_F(DbDates, DateByType) {
-    type("postgres");
-    EXPECT_EQ(convert("DATE", "2006-10-18"), "2006-10-18 00:00:00");
-    type("OpenAccess");
-    EXPECT_EQ(convert("DATE", "2006-10-18"), "2006-10-18 00:00:00");
-    type("ORACLE");
-    EXPECT_EQ(convert("DATE", "2006-10-18"), "20061018");
-    type("mysql");
-    EXPECT_EQ(convert("DATE", "2006-10-18"), "");
-}
-
-TEST_F(DbDates, RavikDateByTheSecondLetterOfTheType) {
-    type("ORACLE");
-    EXPECT_EQ(convert("DATE_RAVIK", "20061018"), "2006-10-18");
-    type("postgres");
-    EXPECT_EQ(convert("DATE_RAVIK", "2006-10-18 12:34:56"), "2006-10-18");
-    // The time is appended before the cut: a short date keeps part of it.
-    EXPECT_EQ(convert("DATE_RAVIK", "2006-1-8"), "2006-1-8 0");
-    type("OpenAccess");
-    EXPECT_EQ(convert("DATE_RAVIK", "2006-10-18"), "2006-10-18");
-    type("xRAY");  // any type with 'R' second counts as ORACLE here
-    EXPECT_EQ(convert("DATE_RAVIK", "20061018"), "2006-10-18");
-    type("sqlite");
-    EXPECT_EQ(convert("DATE_RAVIK", "20061018"), "");
-}
-
-TEST_F(DbDates, DateTimeAndMaxColumn) {
-    type("postgres");
-    EXPECT_EQ(convert("DATE_TIME_RAVIK", "2006-10-18 12:34:56"), "2006-10-18 12:34:56");
-    EXPECT_EQ(convert("DATE_TIME_RAVIK", std::string(40, '9')), std::string(31, '9'));
-    EXPECT_EQ(convert("MAX", "max(id)"), "max");
-    type("OpenAccess");
-    EXPECT_EQ(convert("MAX", "max(id)"), "COL1");
-    type("ORACLE");
-    EXPECT_EQ(convert("MAX", "MAX(ID)"), "MAX(ID)");
-    type("unknown");
-    EXPECT_EQ(convert("MAX", "max(id)"), "");
-    EXPECT_EQ(convert("DATE_TIME_RAVIK", "2006-10-18 12:34:56"), "");
-}
-
-TEST_F(DbDates, UnknownKeywordIsRefusedInEveryLanguage) {
-    type("postgres");
-    EXPECT_EQ(convert("MAXIMUM", "x", false), "wrong function-argument: MAXIMUM");
-    rv::eLang = rv::LANG_DE;
-    convert("DATA", "x", false);
-    rv::eLang = rv::LANG_BA;
-    convert("date", "x", false);
-    std::vector<std::string> texts;
-    for (const auto& line : rvtest::read_lines(box.path("prot.log"))) {
-        const auto bracket = line.find('[');
-        const auto colon = line.find("]: ");
-        ASSERT_TRUE(bracket != std::string::npos && colon != std::string::npos && bracket >= 12)
-            << line;
-        texts.push_back(line.substr(bracket - 12, 12) + " " + line.substr(colon + 3));
-    }
-    const std::vector<std::string> expected = {
-        "E008-DATABAS CONVERT_DATE_TIME: wrong parameter MAXIMUM",
-        "E008-DATABAS CONVERT_DATE_TIME: falsches Argument DATA",
-        "E008-DATABAS CONVERT_DATE_TIME: foisches Argument date",
+TEST(DbDates, FormsByDatabaseType) {
+    rvtest::Sandbox box;
+    const std::string prot = box.use_protocol();
+    const Case cases[] = {
+        {"postgres", "DATE", "2006-10-18", "2006-10-18 00:00:00"},
+        {"ORACLE", "DATE", "2006-10-18", "20061018"},
+        // DATE_RAVIK goes by the second letter of the type.
+        {"ORACLE", "DATE_RAVIK", "20061018", "2006-10-18"},
+        {"xRAY", "DATE_RAVIK", "20061018", "2006-10-18"},
+        // The time is appended before the cut: a short date keeps part of it.
+        {"postgres", "DATE_RAVIK", "2006-1-8", "2006-1-8 0"},
+        {"sqlite", "DATE_RAVIK", "20061018", ""},
+        {"postgres", "DATE_TIME_RAVIK", "2006-10-18 12:34:56", "2006-10-18 12:34:56"},
+        {"postgres", "MAX", "max(id)", "max"},
+        {"OpenAccess", "MAX", "max(id)", "COL1"},
+        {"unknown", "MAX", "max(id)", ""},
     };
-    EXPECT_EQ(texts, expected);
+    for (const auto& c : cases) {
+        box.set_glbv("gv_db_type", c.type);
+        std::string msg = c.in;
+        EXPECT_TRUE(rv::iDB_CONVERT_DATE_TIME(c.key, msg, {})) << c.type << " " << c.key;
+        EXPECT_EQ(msg, c.out) << c.type << " " << c.key << " " << c.in;
+    }
+
+    // An unknown keyword is refused in every language.
+    box.set_glbv("gv_db_type", "postgres");
+    const std::pair<rv::LANGUAGES, const char*> unknown[] = {
+        {rv::LANG_EN, "MAXIMUM"}, {rv::LANG_DE, "DATA"}, {rv::LANG_BA, "date"}};
+    for (const auto& [lang, key] : unknown) {
+        rv::eLang = lang;
+        std::string msg = "x";
+        EXPECT_FALSE(rv::iDB_CONVERT_DATE_TIME(key, msg, {}));
+        EXPECT_EQ(msg, std::string("wrong function-argument: ") + key);
+    }
+    rv::eLang = rv::LANG_EN;
+    EXPECT_EQ(rvtest::protocol_texts(prot),
+              (std::vector<std::string>{"E008-DATABAS CONVERT_DATE_TIME: wrong parameter MAXIMUM",
+                                        "E008-DATABAS CONVERT_DATE_TIME: falsches Argument DATA",
+                                        "E008-DATABAS CONVERT_DATE_TIME: foisches Argument date"}));
 }
 
 }  // namespace
