@@ -40,20 +40,7 @@ bool get_parent_info(std::string& cpInfo) {
     if (!pipe) {
         const std::string reason = std::strerror(errno);
         std::fprintf(stderr, "popen failed for %s\n", command.c_str());
-        switch (eLang) {
-            case LANG_DE:
-                PROT("E008-BASICS  Fehler bei Kommandoausführung %s: %s", command.c_str(),
-                     reason.c_str());
-                break;
-            case LANG_BA:
-                PROT("E008-BASICS  Fehla bei da Kommandoausführung %s: %s", command.c_str(),
-                     reason.c_str());
-                break;
-            default:
-                PROT("E008-BASICS  Error in command execution %s: %s", command.c_str(),
-                     reason.c_str());
-                break;
-        }
+        prot_command_failed(command, reason);
         return false;
     }
 

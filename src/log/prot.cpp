@@ -134,6 +134,20 @@ void PROT(const char* cpFormat, ...) {
     }
 }
 
+void prot_command_failed(const std::string& command, const std::string& text) {
+    switch (eLang) {
+        case LANG_DE:
+            PROT("E008-BASICS  Fehler bei Kommandoausführung %s: %s", command.c_str(), text.c_str());
+            break;
+        case LANG_BA:
+            PROT("E008-BASICS  Fehla bei da Kommandoausführung %s: %s", command.c_str(), text.c_str());
+            break;
+        default:
+            PROT("E008-BASICS  Error in command execution %s: %s", command.c_str(), text.c_str());
+            break;
+    }
+}
+
 void trap_db_err(std::string_view szModul, std::string_view szMsg, str_log strLogIn, int iExitFlg) {
     const std::string modul(szModul);
     const std::string msg(szMsg);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 #include "log/trace.hpp"
@@ -22,6 +23,10 @@ inline constexpr std::size_t kProtTextLimit = 5120;
 // 12-character code, one blank, then the text. Misused codes (too short, or
 // holding a conversion) are reported by a "W999-BASICS" line.
 void PROT(const char* cpFormat, ...) __attribute__((format(printf, 1, 2)));
+
+// Writes "E008-BASICS  Error in command execution <command>: <text>" in the
+// message language.
+void prot_command_failed(const std::string& command, const std::string& text);
 
 // Writes "E018-DATABAS <szModul> ...: <szMsg>." to the protocol file. With
 // `iExitFlg` non-zero prints "STATUS=ERROR MSG=..." and exits with status 1.

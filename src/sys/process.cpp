@@ -31,19 +31,6 @@ int g_iSd1 = -1;
 int g_iSd2 = -1;
 volatile sig_atomic_t g_iEXITCODE = 0;
 
-void protocol_failure(const std::string& prefix, const std::string& text) {
-    switch (eLang) {
-        case LANG_DE:
-            PROT("E008-BASICS  Fehler bei Kommandoausführung %s: %s", prefix.c_str(), text.c_str());
-            break;
-        case LANG_BA:
-            PROT("E008-BASICS  Fehla bei da Kommandoausführung %s: %s", prefix.c_str(), text.c_str());
-            break;
-        default:
-            PROT("E008-BASICS  Error in command execution %s: %s", prefix.c_str(), text.c_str());
-            break;
-    }
-}
 
 // Child side: becomes the shell. Only async-signal-safe calls and _exit.
 [[noreturn]] void exec_shell(const char* command) {
@@ -76,7 +63,7 @@ bool spawn_shell(const std::string& cpExe, ShellChild& child) {
     if (child.pid < 0) {
         const int err = errno;
         std::fprintf(stderr, "start_system: Unable to fork child process: %s (errno=%d)\n", std::strerror(err), err);
-        protocol_failure(child.prefix, std::string("unable to fork child process: ") + std::strerror(err));
+        prot_command_failed(child.prefix, std::string("unable to fork child process: ") + std::strerror(err));
         std::exit(1);
     }
     if (child.pid == 0) {
@@ -88,7 +75,7 @@ bool spawn_shell(const std::string& cpExe, ShellChild& child) {
 void report_wait_failure(const ShellChild& child, int err, std::string& cpExe) {
     std::fprintf(stderr, "start_system: no child to wait for! %s (errno=%d)\n", std::strerror(err), err);
     cpExe = std::string("no child to wait for: ") + std::strerror(err);
-    protocol_failure(child.prefix, cpExe);
+    prot_command_failed(child.prefix, cpExe);
 }
 
 int decode_child_status(const ShellChild& child, int status, std::string& cpExe) {
@@ -96,32 +83,32 @@ int decode_child_status(const ShellChild& child, int status, std::string& cpExe)
     if ((status & 0x7f) != 0) {
         std::fprintf(stderr, "/bin/sh terminated abnormally %d...\n", WIFEXITED(status) ? 1 : 0);
         cpExe = "/bin/sh terminated abnormally";
-        protocol_failure(child.prefix, cpExe);
+        prot_command_failed(child.prefix, cpExe);
     }
     if (WIFSIGNALED(status)) {
         std::fprintf(stderr, "/bin/sh terminated due to receipt of a signal that was not caught: %d\n",
                      WTERMSIG(status));
         cpExe = "/bin/sh terminated due to receipt of a signal that was not caught: " +
                 std::to_string(WTERMSIG(status));
-        protocol_failure(child.prefix, cpExe);
+        prot_command_failed(child.prefix, cpExe);
     }
     if (code >= kSignalCodeFirst && code <= kSignalCodeLast) {
         const int sig = code - kSignalCodeFirst;
         std::fprintf(stderr, "exe terminated due to the receipt of a signal that was not caught: %d\n", sig);
         cpExe = "terminated due to receipt of a signal that was not caught: " + std::to_string(sig);
-        protocol_failure(child.prefix, cpExe);
+        prot_command_failed(child.prefix, cpExe);
     }
     if (code > kExecFailureBase) {
         std::fprintf(stderr, "exe %s could not start!\n", child.command.c_str());
         errno = code - kExecFailureBase;
         std::fprintf(stderr, "start_system: %s (%d)\n", std::strerror(errno), errno);
         cpExe = std::string("could not start: ") + std::strerror(errno);
-        protocol_failure(child.prefix, cpExe);
+        prot_command_failed(child.prefix, cpExe);
     }
     if (code == kShellNotFoundCode) {
         std::fprintf(stderr, "start_system: please check: %s (%d)\n", std::strerror(ENOENT), ENOENT);
         cpExe = std::string("could not start: please check") + std::strerror(ENOENT);
-        protocol_failure(child.prefix, cpExe);
+        prot_command_failed(child.prefix, cpExe);
     }
     std::fflush(stderr);
     return code;
