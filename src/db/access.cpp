@@ -6,6 +6,7 @@
 #include <array>
 #include <cctype>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <new>
 
@@ -65,7 +66,7 @@ void set_action(int signo, void (*handler)(int), struct sigaction* old) {
     sigaction(signo, &new_action, old);
 }
 
-// Copies the statement into `out`, cut to kSqlStatementMax bytes, with the
+// Copies the statement into `out` (iDB_ACCESS has made sure it fits), with the
 // accent at `accents` written in the connection's client encoding.
 void statement_for(PGconn* connection, const char* cpSqlCmd, std::span<const std::size_t> accents,
                    std::array<char, kSqlStatementMax + 1>& out) {
@@ -438,6 +439,17 @@ bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL, 
         WRITE_TRACE(&strLogIn, "WARNING: cpSqlCmd was changed to: %s", copy.c_str());
     }
     const char cExportFlg = cpMsg == "export" ? 'y' : 'n';
+    // A statement that does not fit is refused: a cut one could run as a
+    // different statement. An accent may take two bytes on the way.
+    if (copy.size() + accents.size() > kSqlStatementMax) {
+        cpMsg = "DB_ACCESS: statement of " + std::to_string(copy.size()) + " bytes refused, at most " +
+                std::to_string(kSqlStatementMax) + " bytes can be sent";
+        std::fprintf(stderr, "%s\n", cpMsg.c_str());
+        if (strLogIn.iFlg > 0) {
+            WRITE_TRACE(&strLogIn, "--- DB_ACCESS returns 0  msg=%s", cpMsg.c_str());
+        }
+        return false;
+    }
     if (cExportFlg == 'n') {
         cpMsg.clear();
     }

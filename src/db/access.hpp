@@ -30,7 +30,7 @@ struct DB_REC_LIS {
     int iRows() const { return static_cast<int>(records.size()); }
 };
 
-// The statement text handed to the server is cut to this many bytes.
+// Longest statement text handed to the server; a longer one is refused.
 inline constexpr std::size_t kSqlStatementMax = 1023;
 // The table name of an export is the first word after " from ", cut to this.
 inline constexpr std::size_t kTableNameMax = 29;

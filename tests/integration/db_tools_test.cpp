@@ -82,14 +82,19 @@ TEST_F(DbTools, RecordListCountsAndFailures) {
         EXPECT_EQ(r.status, 0) << r.err;
         EXPECT_EQ(r.out, out);
     }
-    // A stray quote is stored as the accent (a UTF8 database here); the
-    // server gets at most 1023 bytes of a statement.
+    // A stray quote is stored as the accent (a UTF8 database here); a
+    // statement over 1023 bytes is refused, never cut.
     EXPECT_EQ(run("rv_db", {"update t set name='it's' where id=1"}).out, "1\n");
     EXPECT_EQ(pg_query("ravik_db", "select name = 'it' || chr(180) || 's' from t where id = 1"),
               rvtest::PgRows{{"t"}});
     std::string longer = "select 7 as v";
     longer.resize(rv::kSqlStatementMax, ' ');
-    EXPECT_EQ(run("rv_db", {longer + "from nosuch"}).out, "|v=7|\n-- 1 rows found\n");
+    EXPECT_EQ(run("rv_db", {longer}).out, "|v=7|\n-- 1 rows found\n");
+    const auto refused = run("rv_db", {longer + "from nosuch"});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_NE(refused.err.find("DB_ACCESS: statement of 1034 bytes refused, at most 1023 bytes can be sent"),
+              std::string::npos)
+        << refused.err;
 
     auto r = run("rv_db", {"select * from nosuch", "-e"});
     EXPECT_EQ(r.status, 2);
