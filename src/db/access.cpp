@@ -172,8 +172,7 @@ std::string select_table(std::string_view cpSqlCmd) {
         ++begin;
     }
     std::size_t end = begin;
-    while (end < cpSqlCmd.size() && end - begin < kTableNameMax &&
-           !std::isspace(static_cast<unsigned char>(cpSqlCmd[end]))) {
+    while (end < cpSqlCmd.size() && !std::isspace(static_cast<unsigned char>(cpSqlCmd[end]))) {
         ++end;
     }
     return std::string(cpSqlCmd.substr(begin, end - begin));
@@ -390,6 +389,11 @@ bool iPSQL_DO_SQL(const char* cpSqlCmd, char cExportFlg, std::string& cpMsg, DB_
                 if (table.empty()) {
                     cpMsg = "PSQL_DO_SQL: no table name (no \" from \") for the export text of: ";
                     cpMsg += statement.data();
+                    ok = false;
+                } else if (table.size() > kTableNameMax) {
+                    // A cut name would send the rows into another table.
+                    cpMsg = "PSQL_DO_SQL: table name " + table + " longer than " + std::to_string(kTableNameMax) +
+                            " characters for the export text";
                     ok = false;
                 } else {
                     cpMsg = table;

@@ -32,7 +32,7 @@ struct DB_REC_LIS {
 
 // Longest statement text handed to the server; a longer one is refused.
 inline constexpr std::size_t kSqlStatementMax = 1023;
-// The table name of an export is the first word after " from ", cut to this.
+// Longest table name an export text can name; a longer one is refused.
 inline constexpr std::size_t kTableNameMax = 29;
 // The acute accent that replaces a stray apostrophe, in the two client
 // encodings the product's databases use.
@@ -50,8 +50,8 @@ enum class SqlForm {
 // The form a cleaned (SQL_LOWERCASE'd) statement takes.
 SqlForm sql_form(std::string_view cpSqlCmd, bool bExport);
 
-// Table name of a select: the first word after the first " from ", at most
-// kTableNameMax characters; empty without " from ".
+// Table name of a select: the first word after the first " from "; empty
+// without " from ".
 std::string select_table(std::string_view cpSqlCmd);
 
 // Runs `cpSqlCmd`. `cpMsg` is exactly "export" to ask for the export form;

@@ -107,6 +107,13 @@ TEST_F(DbTools, RecordListCountsAndFailures) {
     r = run("rv_db", {"select now()", "-e"});
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("no table name"), std::string::npos) << r.err;
+    // A table name the export text cannot carry whole is refused, not cut.
+    pg_query("ravik_db", "create table media_retention_history_archive (id int)");
+    r = run("rv_db", {"select * from media_retention_history_archive", "-e"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(r.err.find("table name media_retention_history_archive longer than 29 characters"), std::string::npos)
+        << r.err;
     r = run("rv_db", {});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("Usage:"), std::string::npos) << r.err;

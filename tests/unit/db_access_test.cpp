@@ -50,7 +50,7 @@ TEST_F(DbText, FormOfAStatementAndItsTable) {
     EXPECT_EQ(rv::select_table("select a from   jobs;"), "jobs;");
     EXPECT_EQ(rv::select_table("select pg_sleep(5)"), "");
     EXPECT_EQ(rv::select_table("select * from abcdefghijklmnopqrstuvwxyz0123456789"),
-              "abcdefghijklmnopqrstuvwxyz012");
+              "abcdefghijklmnopqrstuvwxyz0123456789");
     // A keyword statement is a date request; only two letters are looked at first.
     std::string msg;
     EXPECT_FALSE(rv::iDB_ACCESS("DATA", msg, nullptr, log));
