@@ -212,6 +212,12 @@ const std::string& glbv(char cFunction, std::string& cpGlbvName, std::string& cp
     }
 }
 
+bool glbv_found(const std::string& value) {
+    // Without a directory for global variables glbv answers with the fatal
+    // text, which is no value either.
+    return (value.empty() || value[0] != '?') && value != fatal_text();
+}
+
 bool resolve_glbv(std::string& file) {
     std::string name;
     std::string rest;
@@ -224,9 +230,7 @@ bool resolve_glbv(std::string& file) {
     }
     std::string value;
     glbv('r', name, value);
-    // Without a directory for global variables glbv answers with the fatal
-    // text, which is no value either.
-    if ((!value.empty() && value[0] == '?') || value == fatal_text()) {
+    if (!glbv_found(value)) {
         return false;
     }
     file = value + rest;

@@ -20,6 +20,10 @@ inline constexpr std::size_t kGlbvValueMax = 511;
 // Returns the value buffer, for 'd' the name.
 const std::string& glbv(char cFunction, std::string& cpGlbvName, std::string& cpGlbvValue);
 
+// True when `value`, as glbv read it, is a value: neither a "??" failure
+// text nor the fatal text of a missing gv_rw_glbv setting.
+bool glbv_found(const std::string& value);
+
 // Replaces a global-variable reference name:rest (or a bare name) in `file`
 // by the variable's value. Returns false and leaves `file` when unknown.
 bool resolve_glbv(std::string& file);

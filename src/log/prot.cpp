@@ -73,7 +73,7 @@ void PROT(const char* cpFormat, ...) {
     std::string name = "gv_prot";
     std::string value;
     const std::string file = glbv('r', name, value);
-    if (!file.empty() && file.front() == '?') {
+    if (!glbv_found(file)) {
         std::fputs("\nNo gv_prot defined! rv_start_all necessary!\n", stderr);
         return;
     }

@@ -83,6 +83,17 @@ TEST_F(ProtTest, WithoutProtocolFile) {
     // A protocol file that cannot be opened swallows the message silently.
     box.set_glbv("gv_prot", box.path("no/such/dir/prot.log"));
     EXPECT_EQ(rvtest::capture(2, write), "");
+
+    // Without a directory for global variables there is no protocol file
+    // either: no file named after glbv's fatal text appears.
+    box.set_path_key("gv_rw_glbv", "");
+    const auto cwd = std::filesystem::current_path();
+    std::filesystem::current_path(box.root());
+    EXPECT_EQ(rvtest::capture(2, write), "\nNo gv_prot defined! rv_start_all necessary!\n");
+    std::filesystem::current_path(cwd);
+    for (const auto& entry : std::filesystem::directory_iterator(box.root())) {
+        EXPECT_EQ(entry.path().filename().string().find("Fatal"), std::string::npos) << entry.path();
+    }
 }
 
 TEST_F(ProtTest, TrapDbErrWritesInTheUsersLanguageOrEndsTheProgram) {
