@@ -12,6 +12,7 @@
 #include "sys/atomic_file.hpp"
 #include "sys/file_io.hpp"
 #include "sys/files.hpp"
+#include "sys/strings.hpp"
 
 namespace rv {
 
@@ -23,20 +24,6 @@ std::string image_path(std::string_view table) {
     std::string path = pathes.var_work;
     path.append("db_").append(table).append(".tmp");
     return path;
-}
-
-// The non-empty pieces of `text` split at `delim`.
-std::vector<std::string> tokens(std::string_view text, char delim) {
-    std::vector<std::string> out;
-    std::size_t pos = 0;
-    while (pos <= text.size()) {
-        const auto end = std::min(text.find(delim, pos), text.size());
-        if (end > pos) {
-            out.emplace_back(text.substr(pos, end - pos));
-        }
-        pos = end + 1;
-    }
-    return out;
 }
 
 std::string joined(const std::vector<std::string>& list, std::size_t from) {
@@ -82,8 +69,8 @@ std::vector<std::pair<std::string, std::string>> columns_to_add(const std::strin
                                                                 const std::string& values) {
     std::vector<std::pair<std::string, std::string>> pairs;
     const bool several = columns.find(',') != std::string::npos;
-    const std::vector<std::string> cols = tokens(columns, ',');
-    const std::vector<std::string> vals = tokens(values, ',');
+    const std::vector<std::string> cols = split(columns, ',', EmptyFields::drop);
+    const std::vector<std::string> vals = split(values, ',', EmptyFields::drop);
     for (std::size_t i = 0; i < cols.size(); ++i) {
         if (i >= vals.size()) {
             if (i == 0) {
@@ -127,7 +114,7 @@ bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& w
         why = "is longer than " + std::to_string(kChangeLineMax) + " characters";
         return false;
     }
-    const std::vector<std::string> elements = tokens(line, '|');
+    const std::vector<std::string> elements = split(line, '|', EmptyFields::drop);
     if (elements.empty()) {
         std::printf("\n\nKein Token '|' verfuegbar in %.*s.", static_cast<int>(line.size()), line.data());
         why = "holds no element";
@@ -234,7 +221,7 @@ void db_change(std::string_view cpTable) {
     std::string del;
     std::vector<std::string> deletions;
     if (i_GetPrivateProfileString(rvdb_ini, section, "DEL_COLUMNS", del, msg, kKeySize)) {
-        deletions = tokens(del, ',');
+        deletions = split(del, ',', EmptyFields::drop);
     }
     std::fflush(stdout);
 

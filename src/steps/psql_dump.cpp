@@ -37,19 +37,6 @@ std::string product_dir(const std::string& name) {
     return dir == name + ":" ? std::string() : dir;
 }
 
-std::vector<std::string> split_fields(const std::string& line) {
-    std::vector<std::string> fields;
-    std::size_t pos = 0;
-    while (true) {
-        const auto bar = line.find('|', pos);
-        fields.push_back(line.substr(pos, bar == std::string::npos ? std::string::npos : bar - pos));
-        if (bar == std::string::npos) {
-            return fields;
-        }
-        pos = bar + 1;
-    }
-}
-
 // The client's row count footer: exactly "(N rows)" or "(1 row)".
 bool parse_footer(const std::string& line, long& count) {
     char tail[8] = {};
@@ -255,7 +242,7 @@ bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutF
     if (!read_line(in.get(), line)) {
         return fail("Can't find lines with column-names");
     }
-    const std::vector<std::string> names = split_fields(line);
+    const std::vector<std::string> names = split(line, '|', EmptyFields::keep);
     for (const auto& name : names) {
         if (strTrace.iFlg > 2) {
             WRITE_TRACE(&strTrace, "column: %s ", name.c_str());
@@ -298,7 +285,7 @@ bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutF
         if (strTrace.iFlg > 2) {
             WRITE_TRACE(&strTrace, "values: %s ", line.c_str());
         }
-        std::vector<std::string> values = split_fields(line);
+        std::vector<std::string> values = split(line, '|', EmptyFields::keep);
         if (values.size() != names.size()) {
             return fail("iPGSQL_MAKE_DB_GET_FILE: row " + std::to_string(rows + 1) + " of " + id + " has " +
                         std::to_string(values.size()) + " fields for " + std::to_string(names.size()) +

@@ -10,6 +10,7 @@
 #include "log/prot.hpp"
 #include "log/trace.hpp"
 #include "steps/psql_dump.hpp"
+#include "sys/strings.hpp"
 #include "sys/file_io.hpp"
 
 namespace rv {
@@ -20,21 +21,13 @@ namespace {
 // empty name (a trailing ",") ends the list. Stops when `handle` is false.
 template <typename Handle>
 bool for_each_table(std::string_view cpTable, Handle handle) {
-    std::size_t pos = 0;
-    while (pos < cpTable.size()) {
-        const auto comma = cpTable.find(',', pos);
-        const std::string table(cpTable.substr(pos, comma == std::string_view::npos ? std::string_view::npos
-                                                                                      : comma - pos));
+    for (const std::string& table : split(cpTable, ',', EmptyFields::keep)) {
         if (table.empty()) {
             return true;  // a trailing "," ends the list
         }
         if (!handle(table)) {
             return false;
         }
-        if (comma == std::string_view::npos) {
-            break;
-        }
-        pos = comma + 1;
     }
     return true;
 }

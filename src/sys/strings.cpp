@@ -1,5 +1,6 @@
 #include "sys/strings.hpp"
 
+#include <algorithm>
 #include <cstdarg>
 
 #include <cctype>
@@ -159,6 +160,21 @@ std::string& lowercase(std::string& s) {
         c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     }
     return s;
+}
+
+std::vector<std::string> split(std::string_view text, char delim, EmptyFields empty) {
+    std::vector<std::string> fields;
+    std::size_t pos = 0;
+    while (true) {
+        const auto end = std::min(text.find(delim, pos), text.size());
+        if (end > pos || empty == EmptyFields::keep) {
+            fields.emplace_back(text.substr(pos, end - pos));
+        }
+        if (end == text.size()) {
+            return fields;
+        }
+        pos = end + 1;
+    }
 }
 
 std::string vformat(const char* cpFormat, std::va_list args) {

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace rv {
 
@@ -33,6 +34,14 @@ std::string_view cm_strtok(std::string_view input, char cDelim);
 // Returns the next field of the current tokenization, or nullopt after the
 // last one. Consecutive, leading and trailing delimiters give empty fields.
 std::optional<std::string_view> cm_strtok_next();
+
+// Whether split keeps the empty fields that consecutive, leading or trailing
+// delimiters make.
+enum class EmptyFields { keep, drop };
+
+// The fields of `text` split at `delim`, without the tokenizer's length
+// limit or state. With EmptyFields::keep, "" gives one empty field.
+std::vector<std::string> split(std::string_view text, char delim, EmptyFields empty);
 
 // Copies field `iPos` (0 = first) of `cpStr` split at `cDelimiter` into
 // `cpElem`. Returns true when the field exists, else false with `cpElem` "".

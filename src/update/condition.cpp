@@ -40,17 +40,9 @@ bool iCondition(std::string& szCondition) {
     glbv('r', dbTypeName, dbType);
 
     // At most three words, split at single blanks: two blanks in a row make
-    // an empty word.
-    std::string words[3];
-    std::string_view rest = szCondition;
-    for (auto& word : words) {
-        const auto blank = rest.find(' ');
-        word = std::string(rest.substr(0, blank));
-        if (blank == std::string_view::npos) {
-            break;
-        }
-        rest.remove_prefix(blank + 1);
-    }
+    // an empty word; a fourth and later words are ignored.
+    std::vector<std::string> words = split(szCondition, ' ', EmptyFields::keep);
+    words.resize(3);
     std::string& first = words[0];
     const std::string& op = words[1];
     std::string& second = words[2];
