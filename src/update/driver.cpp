@@ -1,5 +1,6 @@
 #include "update/driver.hpp"
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
@@ -44,6 +45,16 @@ void replace_first(std::string& word, std::string_view name, const std::string& 
     }
 }
 
+// Prints a step's console line before its handler runs (and perhaps starts
+// a child that writes to the same console).
+__attribute__((format(printf, 1, 2))) void step_line(const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    std::vprintf(format, args);
+    va_end(args);
+    std::fflush(stdout);
+}
+
 // Runs the step `expanded` for `keyword`; arguments start at `argStart`.
 // Returns 0 when the section is to end.
 int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart, int iStep) {
@@ -56,26 +67,22 @@ int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart,
     switch (keyword) {
         case Keyword::change:
             get_string(expanded, rest, argStart, '\0');
-            std::printf("step=%d change table=%s\n", iStep, rest.c_str());
-            std::fflush(stdout);
+            step_line("step=%d change table=%s\n", iStep, rest.c_str());
             db_change(rest);
             break;
         case Keyword::cmd:
             get_string(expanded, rest, argStart, '\0');
-            std::printf("step=%d cmd=%s\n", iStep, rest.c_str());
-            std::fflush(stdout);
+            step_line("step=%d cmd=%s\n", iStep, rest.c_str());
             iCmdExecute(rest);
             break;
         case Keyword::dump:
             database_and_rest();
-            std::printf("step=%d db=%s dump=%s\n", iStep, database.c_str(), rest.c_str());
-            std::fflush(stdout);
+            step_line("step=%d db=%s dump=%s\n", iStep, database.c_str(), rest.c_str());
             db_unload("dump", database, rest);
             break;
         case Keyword::exportTable:
             database_and_rest();
-            std::printf("step=%d db=%s export=%s\n", iStep, database.c_str(), rest.c_str());
-            std::fflush(stdout);
+            step_line("step=%d db=%s export=%s\n", iStep, database.c_str(), rest.c_str());
             db_unload("export", database, rest);
             break;
         case Keyword::exit:
@@ -85,20 +92,17 @@ int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart,
             return 0;
         case Keyword::import:
             database_and_rest();
-            std::printf("step=%d db=%s import=%s\n", iStep, database.c_str(), rest.c_str());
-            std::fflush(stdout);
+            step_line("step=%d db=%s import=%s\n", iStep, database.c_str(), rest.c_str());
             db_load(database, rest);
             break;
         case Keyword::rmdir:
             get_string(expanded, rest, argStart, '\0');
-            std::printf("step=%d rmdir=%s\n", iStep, rest.c_str());
-            std::fflush(stdout);
+            step_line("step=%d rmdir=%s\n", iStep, rest.c_str());
             iRmDir(rest);
             break;
         case Keyword::sql:
             database_and_rest();
-            std::printf("step=%d db=%s sql=%s\n", iStep, database.c_str(), rest.c_str());
-            std::fflush(stdout);
+            step_line("step=%d db=%s sql=%s\n", iStep, database.c_str(), rest.c_str());
             iExecDbStatement(database, rest);
             break;
         case Keyword::skip:
@@ -122,11 +126,11 @@ int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart,
 }  // namespace
 
 std::string expand_versions(std::string_view text) {
+    // Split at every single blank: runs of blanks give empty words, so the
+    // spacing survives the join.
     std::string expanded;
-    std::size_t pos = 0;
-    while (true) {
-        const auto blank = text.find(' ', pos);
-        std::string word(text.substr(pos, blank == std::string_view::npos ? std::string_view::npos : blank - pos));
+    bool first = true;
+    for (std::string& word : split(text, ' ', EmptyFields::keep)) {
         if (strLog.iFlg > 2) {
             WRITE_TRACE(&strLog, "got token: %s", word.c_str());
         }
@@ -135,14 +139,11 @@ std::string expand_versions(std::string_view text) {
         } else {
             replace_first(word, "$new_version", pathes.version);
         }
-        if (pos > 0) {
+        if (!first) {
             expanded += ' ';
         }
+        first = false;
         expanded += word;
-        if (blank == std::string_view::npos) {
-            break;
-        }
-        pos = blank + 1;
     }
     return str_trim(expanded);
 }
