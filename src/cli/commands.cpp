@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "config/log_setup.hpp"
 #include "config/product.hpp"
 #include "db/exec_statement.hpp"
 #include "log/finish.hpp"
@@ -50,9 +51,7 @@ void scan_trace_option(int argc, char** argv) {
 // Runs a shell command line of db_backup or db_restore; its status is not
 // examined (the archive commands guard themselves).
 void run_archive_command(const std::string& cmd) {
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "%s", cmd.c_str());
-    }
+    WRITE_TRACE(1, "%s", cmd.c_str());
     // Shown as it is, without a line feed; written as text, so a '%' in a
     // path cannot be taken for a conversion.
     std::fputs(cmd.c_str(), stdout);
@@ -136,12 +135,13 @@ std::string main_version(std::string_view version) {
     return std::string(version.substr(0, dot + 1));
 }
 
-int rv_db_update_main(int argc, char** argv) {
-    v_set_log_main("rv_db_update.lgc", "RV_DB_UPDATE", &strLog);
+namespace {
+
+// Runs the command the command line names; a fatal condition throws Fatal.
+int run_command(int argc, char** argv) {
+    v_set_log_main("rv_db_update.lgc", "RV_DB_UPDATE");
     scan_trace_option(argc, argv);
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "%s called with: %s", kVersionId, GET_CALL_PARAM(argc, argv).c_str());
-    }
+    WRITE_TRACE(1, "%s called with: %s", kVersionId, GET_CALL_PARAM(argc, argv).c_str());
 
     if (argc == 1 || std::strcmp(argv[1], "-h") == 0 || kCommandList.find(argv[1]) == std::string_view::npos) {
         std::fputs(usage_text(argv[0], kUsageList).c_str(), stdout);
@@ -173,6 +173,16 @@ int rv_db_update_main(int argc, char** argv) {
     }
     std::fflush(stdout);
     return ret;
+}
+
+}  // namespace
+
+int rv_db_update_main(int argc, char** argv) {
+    try {
+        return run_command(argc, argv);
+    } catch (const Fatal& fatal) {
+        return finish_run(fatal);
+    }
 }
 
 }  // namespace rv

@@ -15,7 +15,6 @@
 
 #include "config/ini.hpp"
 #include "log/prot.hpp"
-#include "log/trace.hpp"
 #include "sys/strings.hpp"
 #include "sys/file_io.hpp"
 
@@ -106,14 +105,14 @@ void delete_matching(const std::string& dir, const std::string& pattern) {
     }
 }
 
-void write_variable(const std::string& file, const std::string& name, std::string& value) {
+GlbvResult write_variable(const std::string& file, const std::string& name, const std::string& value) {
     const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd < 0) {
         const int err = errno;
         std::fprintf(stderr, "glbv() write %s failed: %s (%d)\n", file.c_str(), std::strerror(err), err);
-        value = "?? GLBV " + name + " cannot be created: " + std::strerror(err);
-        PROT("Error: GLBV: %s", value.c_str());
-        return;
+        GlbvResult failure{GlbvStatus::failed, "?? GLBV " + name + " cannot be created: " + std::strerror(err)};
+        PROT("Error: GLBV: %s", failure.text.c_str());
+        return failure;
     }
     // A short write is not reported: the next reader sees what arrived.
     std::size_t done = 0;
@@ -125,21 +124,23 @@ void write_variable(const std::string& file, const std::string& name, std::strin
         done += static_cast<std::size_t>(n);
     }
     close(fd);
+    return {GlbvStatus::found, value};
 }
 
-void read_variable(const std::string& file, const std::string& name, std::string& value, bool remove_after) {
+GlbvResult read_variable(const std::string& file, const std::string& name, bool remove_after) {
     // Opened for writing too: a variable without write permission counts as missing.
     FilePtr fp(std::fopen(file.c_str(), "r+"));
     if (!fp) {
         const int err = errno;
-        value = "?? GLBV " + name + " not existing";
+        GlbvResult failure{GlbvStatus::missing, "?? GLBV " + name + " not existing"};
         if (err != ENOENT) {
             std::fprintf(stderr, "glbv() read %s failed: %s (%d)\n", file.c_str(), std::strerror(err), err);
-            value += ": ";
-            value += std::strerror(err);
-            PROT("Error: GLBV: %s", value.c_str());
+            failure.status = GlbvStatus::failed;
+            failure.text += ": ";
+            failure.text += std::strerror(err);
+            PROT("Error: GLBV: %s", failure.text.c_str());
         }
-        return;
+        return failure;
     }
 
     // The lines are joined without their line feeds. A value longer than
@@ -161,20 +162,19 @@ void read_variable(const std::string& file, const std::string& name, std::string
     }
     fp.reset();
 
-    if (!any) {
-        std::fprintf(stderr, "glbv() read failed: empty file\n");
-        value = "?? GLBV " + name + " not existing";
-    } else {
-        value = collected;
-    }
     if (remove_after) {
         std::remove(file.c_str());
     }
+    if (!any) {
+        std::fprintf(stderr, "glbv() read failed: empty file\n");
+        return {GlbvStatus::missing, "?? GLBV " + name + " not existing"};
+    }
+    return {GlbvStatus::found, collected};
 }
 
 }  // namespace
 
-const std::string& glbv(char cFunction, std::string& cpGlbvName, std::string& cpGlbvValue) {
+GlbvResult glbv(char cFunction, std::string& cpGlbvName, const std::string& cpGlbvValue) {
     for (char& c : cpGlbvName) {
         if (c == '\\' || c == '/') {
             c = '_';
@@ -184,8 +184,7 @@ const std::string& glbv(char cFunction, std::string& cpGlbvName, std::string& cp
     std::string dir;
     std::string msg;
     if (!i_READ_INI("RV_INI", kPathesSection, kGlbvDirKey, dir, msg, kGlbvDirSize)) {
-        cpGlbvValue = fatal_text();
-        return cpGlbvValue;
+        return {GlbvStatus::missing, fatal_text()};
     }
     const std::string file = dir + cpGlbvName + std::string(kGlbvExtension);
 
@@ -198,25 +197,18 @@ const std::string& glbv(char cFunction, std::string& cpGlbvName, std::string& cp
             } else {
                 std::remove(file.c_str());
             }
-            return cpGlbvName;
+            return {GlbvStatus::found, cpGlbvName};
         case 'w':
-            write_variable(file, cpGlbvName, cpGlbvValue);
-            return cpGlbvValue;
+            return write_variable(file, cpGlbvName, cpGlbvValue);
         case 'r':
         case 'R':
-            read_variable(file, cpGlbvName, cpGlbvValue, cFunction == 'R');
-            return cpGlbvValue;
+            return read_variable(file, cpGlbvName, cFunction == 'R');
         default:
-            cpGlbvValue = invalid_service_text(cFunction);
-            return cpGlbvValue;
+            return {GlbvStatus::failed, invalid_service_text(cFunction)};
     }
 }
 
-bool glbv_found(const std::string& value) {
-    // Without a directory for global variables glbv answers with the fatal
-    // text, which is no value either.
-    return (value.empty() || value[0] != '?') && value != fatal_text();
-}
+GlbvResult glbv_read(std::string name) { return glbv('r', name); }
 
 bool resolve_glbv(std::string& file) {
     std::string name;
@@ -228,12 +220,11 @@ bool resolve_glbv(std::string& file) {
     } else {
         name = file;
     }
-    std::string value;
-    glbv('r', name, value);
-    if (!glbv_found(value)) {
+    const GlbvResult value = glbv_read(name);
+    if (!value.found()) {
         return false;
     }
-    file = value + rest;
+    file = value.text + rest;
     return true;
 }
 

@@ -1,8 +1,7 @@
 // File-based global variables shared by the product's processes (one file
 // "<gv_rw_glbv><name>.rgv" per variable) and the two resolvers of the path
 // notation: key:rest through [PATHES] of rv.ini, name:rest through a global
-// variable. glbv never fails by result: a failed read yields a text that
-// begins with "??", which callers test by its first character.
+// variable.
 #pragma once
 
 #include <cstddef>
@@ -14,15 +13,30 @@ namespace rv {
 // marked with '>' at its last position.
 inline constexpr std::size_t kGlbvValueMax = 511;
 
+// What a global-variable service achieved.
+enum class GlbvStatus {
+    found,    // read: `text` is the value; other services: done
+    missing,  // no such variable ("?? GLBV <name> not existing"), or no
+              // gv_rw_glbv setting (the fatal-error text)
+    failed,   // the file could not be read or written; `text` says why
+};
+
+struct GlbvResult {
+    GlbvStatus status = GlbvStatus::missing;
+    std::string text;
+
+    bool found() const { return status == GlbvStatus::found; }
+};
+
 // Runs service `cFunction` on variable `cpGlbvName` ('\\' and '/' in the name
 // become '_', in the caller's string): 'r' read, 'R' read and delete,
-// 'w' write `cpGlbvValue`, 'd' delete (a '*' in the name deletes every match).
-// Returns the value buffer, for 'd' the name.
-const std::string& glbv(char cFunction, std::string& cpGlbvName, std::string& cpGlbvValue);
+// 'w' write `cpGlbvValue`, 'd' delete (a '*' in the name deletes every
+// match). A failure to read or write is reported on standard error and in
+// the protocol file; an unknown service is `failed`.
+GlbvResult glbv(char cFunction, std::string& cpGlbvName, const std::string& cpGlbvValue = {});
 
-// True when `value`, as glbv read it, is a value: neither a "??" failure
-// text nor the fatal text of a missing gv_rw_glbv setting.
-bool glbv_found(const std::string& value);
+// Reads the variable `name`; `missing` and `failed` as glbv says.
+GlbvResult glbv_read(std::string name);
 
 // Replaces a global-variable reference name:rest (or a bare name) in `file`
 // by the variable's value. Returns false and leaves `file` when unknown.

@@ -1,4 +1,5 @@
 #include "db/access.hpp"
+#include "log/trace.hpp"
 
 #include <libpq-fe.h>
 #include <unistd.h>
@@ -94,7 +95,7 @@ void statement_for(PGconn* connection, const char* cpSqlCmd, std::span<const std
 // returns 1 or 0. After a jump back: gives back the session and returns
 // kJumped. Only pointers and plain values cross into the jump region.
 int run_guarded(const char* statement, const std::span<const std::size_t>& accents, char cExportFlg,
-                std::string& cpMsg, DB_REC_LIS* pRL, str_log* strLogIn,
+                std::string& cpMsg, DB_REC_LIS* pRL,
                 const sigset_t* entry_mask) {
     if (sigsetjmp(gSigenv, giSaveSignal) != 0) {
         release_session();
@@ -110,7 +111,7 @@ int run_guarded(const char* statement, const std::span<const std::size_t>& accen
     }
     set_action(SIGQUIT, signal_psql_handler, nullptr);
     i_setenv_ravik("psql");
-    const bool ok = iPSQL_DO_SQL(statement, cExportFlg, cpMsg, pRL, strLogIn, accents);
+    const bool ok = iPSQL_DO_SQL(statement, cExportFlg, cpMsg, pRL, accents);
     // A SIGQUIT held back since the statement ran is delivered here.
     sigprocmask(SIG_SETMASK, entry_mask, nullptr);
     set_action(SIGQUIT, SIG_DFL, nullptr);
@@ -178,7 +179,7 @@ std::string select_table(std::string_view cpSqlCmd) {
     return std::string(cpSqlCmd.substr(begin, end - begin));
 }
 
-void SQL_LOWERCASE(std::string& cpSqlCmd, str_log /*strLogIn*/) {
+void SQL_LOWERCASE(std::string& cpSqlCmd) {
     for (char& c : cpSqlCmd) {
         if (c == '\'') {
             break;
@@ -187,7 +188,7 @@ void SQL_LOWERCASE(std::string& cpSqlCmd, str_log /*strLogIn*/) {
     }
 }
 
-bool CLEANUP_QUOTA(std::string& cpSqlCmd, str_log strLogIn, std::vector<std::size_t>* pAccents) {
+bool CLEANUP_QUOTA(std::string& cpSqlCmd, std::vector<std::size_t>* pAccents) {
     std::string& s = cpSqlCmd;
     bool changed = false;
     if (s.starts_with("update")) {
@@ -202,17 +203,13 @@ bool CLEANUP_QUOTA(std::string& cpSqlCmd, str_log strLogIn, std::vector<std::siz
                 ++pos;
                 continue;
             }
-            if (strLogIn.iFlg > 2) {
-                WRITE_TRACE(&strLogIn, "found begin quote: %s", s.c_str() + start);
-            }
+            WRITE_TRACE(3, "found begin quote: %s", s.c_str() + start);
             const std::size_t candidate = s.find('\'', start);
             if (candidate == std::string::npos) {
                 pos = start;
                 continue;
             }
-            if (strLogIn.iFlg > 2) {
-                WRITE_TRACE(&strLogIn, "found next quote: %s", s.c_str() + candidate);
-            }
+            WRITE_TRACE(3, "found next quote: %s", s.c_str() + candidate);
             std::size_t end = s.find('=', start);
             if (end == std::string::npos) {
                 end = s.find("where", start);
@@ -220,18 +217,14 @@ bool CLEANUP_QUOTA(std::string& cpSqlCmd, str_log strLogIn, std::vector<std::siz
             if (end == std::string::npos) {
                 end = s.size();
             }
-            if (strLogIn.iFlg > 2) {
-                WRITE_TRACE(&strLogIn, "check until next item: %s", s.c_str() + end);
-            }
+            WRITE_TRACE(3, "check until next item: %s", s.c_str() + end);
             // Every quote up to the item's end becomes the accent; the last one
             // is then put back as the closing quote.
             std::size_t last = std::string::npos;
             for (std::size_t quote = candidate; quote != std::string::npos && quote < end;
                  quote = s.find('\'', start)) {
                 s[quote] = kLatin1Accent;
-                if (strLogIn.iFlg > 2) {
-                    WRITE_TRACE(&strLogIn, "in while: change quote: %s", s.c_str() + quote);
-                }
+                WRITE_TRACE(3, "in while: change quote: %s", s.c_str() + quote);
                 if (pAccents != nullptr) {
                     pAccents->push_back(quote);
                 }
@@ -243,14 +236,9 @@ bool CLEANUP_QUOTA(std::string& cpSqlCmd, str_log strLogIn, std::vector<std::siz
                 if (pAccents != nullptr) {
                     pAccents->pop_back();
                 }
-                if (strLogIn.iFlg > 2) {
-                    WRITE_TRACE(&strLogIn, "reset last quote: %s", s.c_str() + last);
-                }
+                WRITE_TRACE(3, "reset last quote: %s", s.c_str() + last);
                 if (last != candidate) {
-                    if (strLogIn.iFlg > 0) {
-                        WRITE_TRACE(&strLogIn,
-                                    "Warning: CLEANUP_QUOTA: exchanged extra ' in SQL statement");
-                    }
+                    WRITE_TRACE(1, "Warning: CLEANUP_QUOTA: exchanged extra ' in SQL statement");
                     changed = true;
                 }
             }
@@ -263,49 +251,34 @@ bool CLEANUP_QUOTA(std::string& cpSqlCmd, str_log strLogIn, std::vector<std::siz
             inside = !inside;
         } else if (c == '"' && inside) {
             c = '_';
-            if (strLogIn.iFlg > 0) {
-                WRITE_TRACE(&strLogIn, "Warning: CLEANUP_QUOTA: removed extra \" in SQL statement");
-            }
+            WRITE_TRACE(1, "Warning: CLEANUP_QUOTA: removed extra \" in SQL statement");
             changed = true;
         }
     }
     return !changed;
 }
 
-bool iDB_SEL_FIRST(DB_REC_LIS* pRL, std::string_view cpData, str_log strLogIn) {
-    if (strLogIn.iFlg > 2) {
-        WRITE_TRACE(&strLogIn, "+++ DB_SEL_FIRST  id=%s", pRL->szId.c_str());
-    }
+bool iDB_SEL_FIRST(DB_REC_LIS* pRL, std::string_view cpData) {
+    WRITE_TRACE(3, "+++ DB_SEL_FIRST  id=%s", pRL->szId.c_str());
     try {
         pRL->records.clear();
         pRL->records.push_back({1, std::string(cpData)});
     } catch (const std::bad_alloc&) {
-        if (strLogIn.iFlg > 0) {
-            WRITE_TRACE(&strLogIn, "DB_SEL_FIRST  cannot allocate memory");
-        }
-        if (strLogIn.iFlg > 2) {
-            WRITE_TRACE(&strLogIn, "--- DB_SEL_FIRST  cannot allocate memory");
-        }
+        WRITE_TRACE(1, "DB_SEL_FIRST  cannot allocate memory");
+        WRITE_TRACE(3, "--- DB_SEL_FIRST  cannot allocate memory");
         protocol_no_memory(true, pRL->szId);
         return false;
     }
-    if (strLogIn.iFlg > 2) {
-        WRITE_TRACE(&strLogIn, "--- DB_SEL_FIRST  first record > %s <",
-                    pRL->records.front().cpData.c_str());
-    }
+    WRITE_TRACE(3, "--- DB_SEL_FIRST  first record > %s <",
+                pRL->records.front().cpData.c_str());
     return true;
 }
 
-bool iDB_SEL_ALLOC(DB_REC_LIS* pRL, std::string_view cpData, str_log strLogIn) {
-    if (strLogIn.iFlg > 2) {
-        const std::string data(cpData);
-        WRITE_TRACE(&strLogIn, "+++ DB_SEL_ALLOC data:%s  id=%s", data.c_str(), pRL->szId.c_str());
-    }
+bool iDB_SEL_ALLOC(DB_REC_LIS* pRL, std::string_view cpData) {
+    WRITE_TRACE(3, "+++ DB_SEL_ALLOC data:%.*s  id=%s", static_cast<int>(cpData.size()), cpData.data(),
+                pRL->szId.c_str());
     if (pRL->records.empty()) {
-        if (strLogIn.iFlg > 2) {
-            WRITE_TRACE(&strLogIn,
-                        "--- DB_SEL_ALLOC the record-list is empty, cannot allocate a new element");
-        }
+        WRITE_TRACE(3, "--- DB_SEL_ALLOC the record-list is empty, cannot allocate a new element");
         switch (eLang) {
             case LANG_DE:
             case LANG_BA:  // no dialect text of its own
@@ -327,18 +300,12 @@ bool iDB_SEL_ALLOC(DB_REC_LIS* pRL, std::string_view cpData, str_log strLogIn) {
         // Numbered by the count before it: the second record carries 1 too.
         pRL->records.push_back({pRL->iRows(), std::string(cpData)});
     } catch (const std::bad_alloc&) {
-        if (strLogIn.iFlg > 0) {
-            WRITE_TRACE(&strLogIn, "DB_SEL_ALLOC  cannot allocate memory");
-        }
-        if (strLogIn.iFlg > 2) {
-            WRITE_TRACE(&strLogIn, "--- DB_SEL_ALLOC  cannot allocate memory");
-        }
+        WRITE_TRACE(1, "DB_SEL_ALLOC  cannot allocate memory");
+        WRITE_TRACE(3, "--- DB_SEL_ALLOC  cannot allocate memory");
         protocol_no_memory(false, pRL->szId);
         return false;
     }
-    if (strLogIn.iFlg > 2) {
-        WRITE_TRACE(&strLogIn, "--- DB_SEL_ALLOC new rec >%s<", pRL->records.back().cpData.c_str());
-    }
+    WRITE_TRACE(3, "--- DB_SEL_ALLOC new rec >%s<", pRL->records.back().cpData.c_str());
     return true;
 }
 
@@ -349,14 +316,11 @@ void signal_psql_handler(int /*signo*/) {
     siglongjmp(gSigenv, kSignalJumpValue);
 }
 
-bool iPSQL_DO_SQL(const char* cpSqlCmd, char cExportFlg, std::string& cpMsg, DB_REC_LIS* pRL,
-                  str_log* strLogIn, std::span<const std::size_t> accents) {
+bool iPSQL_DO_SQL(const char* cpSqlCmd, char cExportFlg, std::string& cpMsg, DB_REC_LIS* pRL, std::span<const std::size_t> accents) {
     // Inside the jump region up to doquery: nothing with a destructor here.
     bool ok = true;
-    if (strLogIn->iFlg > 1) {
-        WRITE_TRACE(strLogIn, "+++ PSQL_DO_SQL psql_lib id=%s  SQL=%s",
-                    pRL != nullptr ? pRL->szId.c_str() : "", cpSqlCmd);
-    }
+    WRITE_TRACE(2, "+++ PSQL_DO_SQL psql_lib id=%s  SQL=%s",
+                pRL != nullptr ? pRL->szId.c_str() : "", cpSqlCmd);
     if (pRL != nullptr) {
         pRL->records.clear();
     }
@@ -365,12 +329,10 @@ bool iPSQL_DO_SQL(const char* cpSqlCmd, char cExportFlg, std::string& cpMsg, DB_
     std::array<char, kSqlStatementMax + 1> statement;
     statement_for(connection, cpSqlCmd, accents, statement);
     const bool select = std::string_view(statement.data()).starts_with(kSelect);
-    if (select && strLogIn->iFlg > 2) {
-        WRITE_TRACE(strLogIn, "it's a SQL select");
+    if (select) {
+        WRITE_TRACE(3, "it's a SQL select");
     }
-    if (strLogIn->iFlg > 1) {
-        WRITE_TRACE(strLogIn, "Librarycall:%s", statement.data());
-    }
+    WRITE_TRACE(2, "Librarycall:%s", statement.data());
     PGresult* const result = doquery(statement.data());
 
     // No jump can come from here on: SIGQUIT is held back and nothing halts.
@@ -379,7 +341,7 @@ bool iPSQL_DO_SQL(const char* cpSqlCmd, char cExportFlg, std::string& cpMsg, DB_
     } else {
         switch (sql_form(statement.data(), cExportFlg == 'y')) {
             case SqlForm::calculated:
-                ok = iPSQL_GET_CALCULATED_VALUE(result, cpMsg, *strLogIn);
+                ok = iPSQL_GET_CALCULATED_VALUE(result, cpMsg);
                 break;
             case SqlForm::export_text: {
                 std::string table = select_table(statement.data());
@@ -397,25 +359,23 @@ bool iPSQL_DO_SQL(const char* cpSqlCmd, char cExportFlg, std::string& cpMsg, DB_
                     ok = false;
                 } else {
                     cpMsg = table;
-                    ok = iPSQL_MAKE_EXPORT_FILE(result, cpMsg, pRL, *strLogIn);
+                    ok = iPSQL_MAKE_EXPORT_FILE(result, cpMsg, pRL);
                 }
                 break;
             }
             default:
-                ok = iPSQL_MAKE_DB_REC_LIS(result, cpMsg, pRL, *strLogIn);
+                ok = iPSQL_MAKE_DB_REC_LIS(result, cpMsg, pRL);
                 break;
         }
     }
     disconnectdb();
-    if (strLogIn->iFlg > 1) {
-        WRITE_TRACE(strLogIn, "--- PSQL_DO_SQL  returns %d  msg=%s", ok ? 1 : 0, cpMsg.c_str());
-    }
+    WRITE_TRACE(2, "--- PSQL_DO_SQL  returns %d  msg=%s", ok ? 1 : 0, cpMsg.c_str());
     return ok;
 }
 
-bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL, str_log strLogIn) {
+bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL) {
     if (cpSqlCmd.size() > 1 && (cpSqlCmd[0] == 'D' || cpSqlCmd[0] == 'M') && cpSqlCmd[1] == 'A') {
-        return iDB_CONVERT_DATE_TIME(cpSqlCmd, cpMsg, strLogIn);
+        return iDB_CONVERT_DATE_TIME(cpSqlCmd, cpMsg);
     }
     std::string copy;
     std::vector<std::size_t> accents;
@@ -423,24 +383,14 @@ bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL, 
         copy.assign(cpSqlCmd);
     } catch (const std::bad_alloc&) {
         cpMsg = "ERROR malloc() for local copy of cpSqlCmd failed";
-        if (strLogIn.iFlg > 0) {
-            WRITE_TRACE(&strLogIn, "%s", cpMsg.c_str());
-        }
+        WRITE_TRACE(1, "%s", cpMsg.c_str());
         return false;
     }
-    if (strLogIn.iFlg > 0) {
-        if (pRL != nullptr) {
-            WRITE_TRACE(&strLogIn, "+++ DB_ACCESS id=%s  SQL=%s", pRL->szId.c_str(), copy.c_str());
-        } else {
-            WRITE_TRACE(&strLogIn, "+++ DB_ACCESS id=NULL  SQL=%s", copy.c_str());
-        }
-    }
-    if (strLogIn.iFlg > 1) {
-        WRITE_TRACE(&strLogIn, "%s", kVersionId);
-    }
-    SQL_LOWERCASE(copy, strLogIn);
-    if (!CLEANUP_QUOTA(copy, strLogIn, &accents) && strLogIn.iFlg > 0) {
-        WRITE_TRACE(&strLogIn, "WARNING: cpSqlCmd was changed to: %s", copy.c_str());
+    WRITE_TRACE(1, "+++ DB_ACCESS id=%s  SQL=%s", pRL != nullptr ? pRL->szId.c_str() : "NULL", copy.c_str());
+    WRITE_TRACE(2, "%s", kVersionId);
+    SQL_LOWERCASE(copy);
+    if (!CLEANUP_QUOTA(copy, &accents)) {
+        WRITE_TRACE(1, "WARNING: cpSqlCmd was changed to: %s", copy.c_str());
     }
     const char cExportFlg = cpMsg == "export" ? 'y' : 'n';
     // A statement that does not fit is refused: a cut one could run as a
@@ -449,9 +399,7 @@ bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL, 
         cpMsg = "DB_ACCESS: statement of " + std::to_string(copy.size()) + " bytes refused, at most " +
                 std::to_string(kSqlStatementMax) + " bytes can be sent";
         std::fprintf(stderr, "%s\n", cpMsg.c_str());
-        if (strLogIn.iFlg > 0) {
-            WRITE_TRACE(&strLogIn, "--- DB_ACCESS returns 0  msg=%s", cpMsg.c_str());
-        }
+        WRITE_TRACE(1, "--- DB_ACCESS returns 0  msg=%s", cpMsg.c_str());
         return false;
     }
     if (cExportFlg == 'n') {
@@ -469,16 +417,14 @@ bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL, 
     let_through_while_waiting({SIGQUIT});
 
     const int result =
-        run_guarded(copy.c_str(), accents, cExportFlg, cpMsg, pRL, &strLogIn, &entry_mask);
+        run_guarded(copy.c_str(), accents, cExportFlg, cpMsg, pRL, &entry_mask);
 
     sigaction(SIGINT, &old_SIGINT_action, nullptr);
     sigaction(SIGTERM, &old_SIGTERM_action, nullptr);
     if (result == kJumped) {
         return false;
     }
-    if (strLogIn.iFlg > 0) {
-        WRITE_TRACE(&strLogIn, "--- DB_ACCESS returns %d  msg=%s", result, cpMsg.c_str());
-    }
+    WRITE_TRACE(1, "--- DB_ACCESS returns %d  msg=%s", result, cpMsg.c_str());
     return result == 1;
 }
 

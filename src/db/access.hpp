@@ -12,7 +12,6 @@
 #include <string_view>
 #include <vector>
 
-#include "log/trace.hpp"
 
 namespace rv {
 
@@ -61,31 +60,30 @@ std::string select_table(std::string_view cpSqlCmd);
 // connection is printed on standard error and gives false. SIGINT and SIGTERM
 // are at their default action during the call; SIGQUIT makes the call fail
 // and the run go on.
-bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL, str_log strLog);
+bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL);
 
 // The statement part of iDB_ACCESS, for a statement that is already cleaned;
 // runs inside iDB_ACCESS's jump-protected region and must not be called
 // anywhere else. `accents` are the positions where CLEANUP_QUOTA put the
 // accent; it is written there in the connection's client encoding.
-bool iPSQL_DO_SQL(const char* cpSqlCmd, char cExportFlg, std::string& cpMsg, DB_REC_LIS* pRL,
-                  str_log* strLog, std::span<const std::size_t> accents = {});
+bool iPSQL_DO_SQL(const char* cpSqlCmd, char cExportFlg, std::string& cpMsg, DB_REC_LIS* pRL, std::span<const std::size_t> accents = {});
 
 // Repairs the quotes of a statement written by others: in an update, a stray
 // apostrophe inside an assigned literal becomes the acute accent (the byte
 // 0xB4 here; `pAccents`, when given, receives its positions), and a double
 // quote inside any literal becomes "_". Returns true when nothing changed.
-bool CLEANUP_QUOTA(std::string& cpSqlCmd, str_log strLog,
+bool CLEANUP_QUOTA(std::string& cpSqlCmd,
                    std::vector<std::size_t>* pAccents = nullptr);
 
 // Lower-cases the statement up to its first single quote.
-void SQL_LOWERCASE(std::string& cpSqlCmd, str_log strLog);
+void SQL_LOWERCASE(std::string& cpSqlCmd);
 
 // Makes `cpData` the only record of the list, with iRow 1.
-bool iDB_SEL_FIRST(DB_REC_LIS* pRL, std::string_view cpData, str_log strLog);
+bool iDB_SEL_FIRST(DB_REC_LIS* pRL, std::string_view cpData);
 
 // Appends a record; its iRow is the number of records before it (so the
 // second record carries 1 like the first). Refused on an empty list.
-bool iDB_SEL_ALLOC(DB_REC_LIS* pRL, std::string_view cpData, str_log strLog);
+bool iDB_SEL_ALLOC(DB_REC_LIS* pRL, std::string_view cpData);
 
 // SIGQUIT handler during iDB_ACCESS (and halt's clean-up handler there):
 // writes its line on standard error and jumps back into iDB_ACCESS.

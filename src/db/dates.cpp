@@ -1,4 +1,5 @@
 #include "db/dates.hpp"
+#include "log/trace.hpp"
 
 #include <algorithm>
 
@@ -17,9 +18,8 @@ constexpr std::size_t kDateLength = 10;
 
 // The configured database type, read afresh for every conversion.
 std::string db_type() {
-    std::string name = "gv_db_type";
-    std::string value;
-    return glbv('r', name, value);
+    GlbvResult type = glbv_read("gv_db_type");
+    return type.found() ? std::move(type.text) : std::string();
 }
 
 // Part of `text` that exists of [pos, pos + len).
@@ -80,12 +80,10 @@ std::string& cpDB_MAX_COL_NAME(std::string_view cpInput, std::string& cpOutput) 
     return cpOutput;
 }
 
-bool iDB_CONVERT_DATE_TIME(std::string_view cpKeyWord, std::string& cpMsg, str_log strLogIn) {
+bool iDB_CONVERT_DATE_TIME(std::string_view cpKeyWord, std::string& cpMsg) {
     const std::string key(cpKeyWord);
-    if (strLogIn.iFlg > 1) {
-        WRITE_TRACE(&strLogIn, "+++ DB_CONVERT_DATE_TIME  key=%s  msg=%s", key.c_str(),
-                    cpMsg.c_str());
-    }
+    WRITE_TRACE(2, "+++ DB_CONVERT_DATE_TIME  key=%s  msg=%s", key.c_str(),
+                cpMsg.c_str());
     const std::string value = cpMsg.substr(0, kDateValueMax);
     if (key == "DATE") {
         cpDB_DATE(value, cpMsg);
@@ -97,9 +95,7 @@ bool iDB_CONVERT_DATE_TIME(std::string_view cpKeyWord, std::string& cpMsg, str_l
         cpDB_MAX_COL_NAME(value, cpMsg);
     } else {
         cpMsg = "wrong function-argument: " + key;
-        if (strLogIn.iFlg > 1) {
-            WRITE_TRACE(&strLogIn, "--- DB_CONVERT_DATE_TIME returns 0 msg=%s", cpMsg.c_str());
-        }
+        WRITE_TRACE(2, "--- DB_CONVERT_DATE_TIME returns 0 msg=%s", cpMsg.c_str());
         switch (eLang) {
             case LANG_DE:
                 PROT("E008-DATABAS CONVERT_DATE_TIME: falsches Argument %s", key.c_str());
@@ -113,9 +109,7 @@ bool iDB_CONVERT_DATE_TIME(std::string_view cpKeyWord, std::string& cpMsg, str_l
         }
         return false;
     }
-    if (strLogIn.iFlg > 1) {
-        WRITE_TRACE(&strLogIn, "--- DB_CONVERT_DATE_TIME  returns 1  msg=%s", cpMsg.c_str());
-    }
+    WRITE_TRACE(2, "--- DB_CONVERT_DATE_TIME  returns 1  msg=%s", cpMsg.c_str());
     return true;
 }
 

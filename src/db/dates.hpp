@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "log/trace.hpp"
 
 namespace rv {
 
@@ -33,6 +32,6 @@ std::string& cpDB_MAX_COL_NAME(std::string_view cpInput, std::string& cpOutput);
 // Converts the value in `cpMsg` by the keyword DATE, DATE_RAVIK,
 // DATE_TIME_RAVIK or MAX. Any other keyword is refused (E008) with
 // "wrong function-argument: <keyword>" in `cpMsg`.
-bool iDB_CONVERT_DATE_TIME(std::string_view cpKeyWord, std::string& cpMsg, str_log strLog);
+bool iDB_CONVERT_DATE_TIME(std::string_view cpKeyWord, std::string& cpMsg);
 
 }  // namespace rv

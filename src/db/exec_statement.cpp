@@ -13,16 +13,12 @@ bool iExecDbStatement(std::string_view /*cpDatabase*/, std::string_view cpStatem
     const std::string statement(cpStatement);
     // The preset asks the database access for the export form of a select.
     std::string msg = "export";
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "%s", statement.c_str());
-    }
+    WRITE_TRACE(1, "%s", statement.c_str());
     std::printf("%s\n", statement.c_str());
     std::fflush(stdout);
-    if (!iDB_ACCESS(statement, msg, nullptr, strLog)) {
-        trap_db_err(statement, msg, strLog, 0);
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "got error from statement: %s", msg.c_str());
-        }
+    if (!iDB_ACCESS(statement, msg, nullptr)) {
+        trap_db_err(statement, msg);
+        WRITE_TRACE(1, "got error from statement: %s", msg.c_str());
         std::printf(" got error from statement: %s\n", msg.c_str());
         std::fflush(stdout);
         return false;

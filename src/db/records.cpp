@@ -1,4 +1,5 @@
 #include "db/records.hpp"
+#include "log/trace.hpp"
 
 #include <libpq-fe.h>
 
@@ -23,14 +24,12 @@ std::string value_of(const PGresult* res, int row, int col) {
 
 // Refuses a result with more columns than the name table holds.
 bool columns_fit(const PGresult* res, std::string& cpMsg, const char* cpFunction,
-                 const std::string& szId, str_log& strLogIn) {
+                 const std::string& szId) {
     if (PQnfields(res) <= kMaxColumns) {
         return true;
     }
     cpMsg = "too much columns ( max " + std::to_string(kMaxColumns) + " )";
-    if (strLogIn.iFlg > 0) {
-        WRITE_TRACE(&strLogIn, "--- %s  ERROR: %s", cpFunction, cpMsg.c_str());
-    }
+    WRITE_TRACE(1, "--- %s  ERROR: %s", cpFunction, cpMsg.c_str());
     switch (eLang) {
         case LANG_DE:
             PROT("E017-DATABAS %s %s: zu viele Spalten", cpFunction, szId.c_str());
@@ -45,11 +44,9 @@ bool columns_fit(const PGresult* res, std::string& cpMsg, const char* cpFunction
     return false;
 }
 
-void trace_column_names(const PGresult* res, str_log& strLogIn) {
-    if (strLogIn.iFlg > 1) {
-        for (int col = 0; col < PQnfields(res); ++col) {
-            WRITE_TRACE(&strLogIn, "Column name %s", PQfname(res, col));
-        }
+void trace_column_names(const PGresult* res) {
+    for (int col = 0; col < PQnfields(res) && tracing(2); ++col) {
+        WRITE_TRACE(2, "Column name %s", PQfname(res, col));
     }
 }
 
@@ -94,34 +91,25 @@ std::string export_line(const PGresult* res, int row, std::string_view table) {
     return line;
 }
 
-bool iPSQL_GET_CALCULATED_VALUE(const PGresult* res, std::string& cpMsg, str_log strLogIn) {
-    if (strLogIn.iFlg > 1) {
-        WRITE_TRACE(&strLogIn, "+++ PSQL_GET_CALCULATED_VALUE");
-    }
+bool iPSQL_GET_CALCULATED_VALUE(const PGresult* res, std::string& cpMsg) {
+    WRITE_TRACE(2, "+++ PSQL_GET_CALCULATED_VALUE");
     cpMsg.clear();
     if (PQntuples(res) > 0 && PQnfields(res) > 0) {
         cpMsg = value_of(res, 0, 0);
     }
-    if (strLogIn.iFlg > 1) {
-        WRITE_TRACE(&strLogIn, "--- PSQL_GET_CALCULATED_VALUE  returns %d  value=%s", 1,
-                    cpMsg.c_str());
-    }
+    WRITE_TRACE(2, "--- PSQL_GET_CALCULATED_VALUE  returns %d  value=%s", 1,
+                cpMsg.c_str());
     return true;
 }
 
-bool iPSQL_MAKE_DB_REC_LIS(const PGresult* res, std::string& cpMsg, DB_REC_LIS* pRL,
-                           str_log strLogIn) {
+bool iPSQL_MAKE_DB_REC_LIS(const PGresult* res, std::string& cpMsg, DB_REC_LIS* pRL) {
     const std::string szId = pRL != nullptr ? pRL->szId : std::string();
-    if (strLogIn.iFlg > 1) {
-        WRITE_TRACE(&strLogIn, "+++ iPSQL_MAKE_DB_REC_LIS  id=%s", szId.c_str());
-    }
-    if (!columns_fit(res, cpMsg, "PSQL_MAKE_DB_REC_LIS", szId, strLogIn)) {
+    WRITE_TRACE(2, "+++ iPSQL_MAKE_DB_REC_LIS  id=%s", szId.c_str());
+    if (!columns_fit(res, cpMsg, "PSQL_MAKE_DB_REC_LIS", szId)) {
         return false;
     }
-    trace_column_names(res, strLogIn);
-    if (strLogIn.iFlg > 2) {
-        WRITE_TRACE(&strLogIn, "read the values");
-    }
+    trace_column_names(res);
+    WRITE_TRACE(3, "read the values");
     const int rows = PQntuples(res);
     for (int row = 0; pRL != nullptr && row < rows; ++row) {
         std::size_t size = 0;
@@ -131,24 +119,18 @@ bool iPSQL_MAKE_DB_REC_LIS(const PGresult* res, std::string& cpMsg, DB_REC_LIS* 
                                           : static_cast<std::size_t>(PQgetlength(res, row, col));
             size += std::string_view(PQfname(res, col)).size() + 1 + kRecordSlack + value;
         }
-        if (strLogIn.iFlg > 1) {
-            WRITE_TRACE(&strLogIn, "Record size %zu", size);
-        }
+        WRITE_TRACE(2, "Record size %zu", size);
         try {
             const std::string text = record_text(res, row);
-            if (strLogIn.iFlg > 2) {
-                WRITE_TRACE(&strLogIn, "Value: %s", text.c_str());
-            }
+            WRITE_TRACE(3, "Value: %s", text.c_str());
             const bool added =
-                row == 0 ? iDB_SEL_FIRST(pRL, text, strLogIn) : iDB_SEL_ALLOC(pRL, text, strLogIn);
+                row == 0 ? iDB_SEL_FIRST(pRL, text) : iDB_SEL_ALLOC(pRL, text);
             if (!added) {
                 return false;
             }
         } catch (const std::bad_alloc&) {
             cpMsg = "cannot allocate memory  ( " + std::to_string(size) + " bytes)";
-            if (strLogIn.iFlg > 1) {
-                WRITE_TRACE(&strLogIn, "--- PSQL_MAKE_DB_REC_LIS  error: %s", cpMsg.c_str());
-            }
+            WRITE_TRACE(2, "--- PSQL_MAKE_DB_REC_LIS  error: %s", cpMsg.c_str());
             switch (eLang) {
                 case LANG_DE:
                     PROT("E011-DATABAS %s %s: kann keine Memory allokieren  ( %zu Bytes)",
@@ -167,26 +149,18 @@ bool iPSQL_MAKE_DB_REC_LIS(const PGresult* res, std::string& cpMsg, DB_REC_LIS* 
         }
     }
     cpMsg = std::to_string(rows);
-    if (strLogIn.iFlg > 1) {
-        WRITE_TRACE(&strLogIn, "--- PSQL_MAKE_DB_REC_LIS   rows=%s", cpMsg.c_str());
-    }
+    WRITE_TRACE(2, "--- PSQL_MAKE_DB_REC_LIS   rows=%s", cpMsg.c_str());
     return true;
 }
 
-bool iPSQL_MAKE_EXPORT_FILE(const PGresult* res, std::string& cpMsg, DB_REC_LIS* pRL,
-                            str_log strLogIn) {
-    if (strLogIn.iFlg > 1) {
-        WRITE_TRACE(&strLogIn, "+++ iPSQL_MAKE_EXPORT_FILE");
-    }
-    if (strLogIn.iFlg > 2) {
-        WRITE_TRACE(&strLogIn, "read the columns");
-    }
+bool iPSQL_MAKE_EXPORT_FILE(const PGresult* res, std::string& cpMsg, DB_REC_LIS* pRL) {
+    WRITE_TRACE(2, "+++ iPSQL_MAKE_EXPORT_FILE");
+    WRITE_TRACE(3, "read the columns");
     const std::string table = cpMsg;
-    if (!columns_fit(res, cpMsg, "PSQL_MAKE_EXPORT_FILE", pRL != nullptr ? pRL->szId : table,
-                     strLogIn)) {
+    if (!columns_fit(res, cpMsg, "PSQL_MAKE_EXPORT_FILE", pRL != nullptr ? pRL->szId : table)) {
         return false;
     }
-    trace_column_names(res, strLogIn);
+    trace_column_names(res);
     const int rows = PQntuples(res);
     for (int row = 0; row < rows; ++row) {
         std::fputs(export_line(res, row, table).c_str(), stdout);
@@ -194,9 +168,7 @@ bool iPSQL_MAKE_EXPORT_FILE(const PGresult* res, std::string& cpMsg, DB_REC_LIS*
     }
     std::printf("\n-- %d rows found \n", rows);
     std::fflush(stdout);
-    if (strLogIn.iFlg > 1) {
-        WRITE_TRACE(&strLogIn, "--- iPSQL_MAKE_EXPORT_FILE");
-    }
+    WRITE_TRACE(2, "--- iPSQL_MAKE_EXPORT_FILE");
     return true;
 }
 

@@ -9,7 +9,6 @@
 #include <string_view>
 
 #include "db/access.hpp"
-#include "log/trace.hpp"
 
 typedef struct pg_result PGresult;
 
@@ -26,19 +25,17 @@ std::string export_line(const PGresult* res, int row, std::string_view table);
 
 // The value of the first field of the first row into `cpMsg` (empty when the
 // result has none). Returns true.
-bool iPSQL_GET_CALCULATED_VALUE(const PGresult* res, std::string& cpMsg, str_log strLog);
+bool iPSQL_GET_CALCULATED_VALUE(const PGresult* res, std::string& cpMsg);
 
 // Fills the list with one record per row and leaves the row count in
 // `cpMsg`. Without a list the rows are only counted. More than kMaxColumns
 // columns are refused (E017).
-bool iPSQL_MAKE_DB_REC_LIS(const PGresult* res, std::string& cpMsg, DB_REC_LIS* pRL,
-                           str_log strLog);
+bool iPSQL_MAKE_DB_REC_LIS(const PGresult* res, std::string& cpMsg, DB_REC_LIS* pRL);
 
 // Writes the export text for the table named in `cpMsg` on standard output,
 // one INSERT line per row, flushed per row, then "\n-- N rows found \n".
 // More than kMaxColumns columns are refused (E017) before anything is
 // written; `cpMsg` then holds the reason.
-bool iPSQL_MAKE_EXPORT_FILE(const PGresult* res, std::string& cpMsg, DB_REC_LIS* pRL,
-                            str_log strLog);
+bool iPSQL_MAKE_EXPORT_FILE(const PGresult* res, std::string& cpMsg, DB_REC_LIS* pRL);
 
 }  // namespace rv

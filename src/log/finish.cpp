@@ -1,7 +1,6 @@
 #include "log/finish.hpp"
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "log/trace.hpp"
@@ -21,20 +20,23 @@ const char* status_word(int iExit) {
     }
 }
 
+Fatal::Fatal(int iExit, std::string_view cpMsg) : std::runtime_error(std::string(cpMsg)), status_(iExit) {}
+
 void FINISH(int iExit, std::string_view cpMsg) {
     const std::string msg(cpMsg);
     // A fatal end leaves no trace lines: the trace itself may be what failed.
-    const bool traced = iExit != RV_FATAL && strLog.iFlg > 0;
-    if (traced) {
-        WRITE_TRACE(&strLog, "+++ FINISH  %d  %s", iExit, msg.c_str());
+    if (iExit != RV_FATAL) {
+        WRITE_TRACE(1, "+++ FINISH  %d  %s", iExit, msg.c_str());
+        WRITE_TRACE(1, "--- FINISH %s: %s", status_word(iExit), msg.c_str());
     }
-    const char* word = status_word(iExit);
-    if (traced) {
-        WRITE_TRACE(&strLog, "--- FINISH %s: %s", word, msg.c_str());
-    }
-    std::printf("STATUS=%s MSG=%s\n", word, msg.c_str());
+    throw Fatal(iExit, msg);
+}
+
+int finish_run(const Fatal& fatal) {
     std::fflush(stdout);
-    std::exit(iExit);
+    std::printf("STATUS=%s MSG=%s\n", status_word(fatal.status()), fatal.what());
+    std::fflush(stdout);
+    return fatal.status();
 }
 
 }  // namespace rv

@@ -1,8 +1,12 @@
-// The one way a fatal condition ends the process: FINISH prints the closing
-// status line "STATUS=<word> MSG=<message>" on standard output and exits with
-// the given status. Successful runs end without a status line.
+// The one way a fatal condition ends a run: FINISH throws `Fatal`, which the
+// program's entry catches once (finish_run): it prints the closing status
+// line "STATUS=<word> MSG=<message>" on standard output and its status
+// becomes the exit status. Destructors run on the way out: temporary files
+// go, a running child is stopped. Successful runs end without a status line.
 #pragma once
 
+#include <stdexcept>
+#include <string>
 #include <string_view>
 
 namespace rv {
@@ -12,8 +16,22 @@ enum EXIT_STATE { RV_SUCCESS = 0, RV_WARNING = 1, RV_ERROR = 2, RV_FATAL = 3 };
 // "SUCCESS", "WARNING", "ERROR", and "FATAL" for any other value.
 const char* status_word(int iExit);
 
-// Traces entry and exit (not for RV_FATAL), prints the status line and ends
-// the process with `iExit` as exit status.
+// A fatal condition: the exit status and the message of the status line.
+class Fatal : public std::runtime_error {
+  public:
+    Fatal(int iExit, std::string_view cpMsg);
+    int status() const { return status_; }
+
+  private:
+    int status_;
+};
+
+// Traces entry and exit (not for RV_FATAL) and throws Fatal(iExit, cpMsg).
+// Must not be called where a quit-signal jump target is active.
 [[noreturn]] void FINISH(int iExit, std::string_view cpMsg);
+
+// For the program entry: prints the status line of `fatal` and returns its
+// exit status.
+int finish_run(const Fatal& fatal);
 
 }  // namespace rv

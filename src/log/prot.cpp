@@ -5,18 +5,26 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
+#include <cerrno>
 #include <memory>
 #include <string>
 
-#include "config/glbv.hpp"
 #include "sys/timefmt.hpp"
 #include "sys/file_io.hpp"
 #include "sys/strings.hpp"
+#include "log/trace.hpp"
 
 namespace rv {
 
+LANGUAGES eLang = LANG_EN;
+
 namespace {
+
+ProtFileResolver gResolver = nullptr;
+// Set while a message is being written: a message that comes up meanwhile
+// (from the resolver, say) goes to standard error.
+bool gWriting = false;
 
 // Version identifier of this library in its trace lines.
 constexpr const char* kKernelVersion = "cm_kernel 1.0";
@@ -67,35 +75,15 @@ void check_format(std::FILE* fp, const std::string& stamp, int pid, std::string_
     }
 }
 
-}  // namespace
-
-void PROT(const char* cpFormat, ...) {
-    std::string name = "gv_prot";
-    std::string value;
-    const std::string file = glbv('r', name, value);
-    if (!glbv_found(file)) {
-        std::fputs("\nNo gv_prot defined! rv_start_all necessary!\n", stderr);
-        return;
-    }
-    FilePtr fp(std::fopen(file.c_str(), "a"));
-    if (!fp) {
-        return;
-    }
-
+// Writes the message `text` of format `raw` into the open protocol file.
+void write_message(std::FILE* fp, std::string_view raw, const std::string& text) {
     std::string stamp;
     time_get(stamp);
     if (stamp.size() > kStampLength) {
         stamp.resize(kStampLength);
     }
     const int pid = static_cast<int>(getpid());
-    const std::string_view raw(cpFormat);
-
-    std::va_list args;
-    va_start(args, cpFormat);
-    const std::string text = vformat(cpFormat, args);
-    va_end(args);
-
-    check_format(fp.get(), stamp, pid, raw);
+    check_format(fp, stamp, pid, raw);
 
     // The format is code, blank, text: the formatted message splits the same way.
     const std::string code = text.substr(0, kProtCodeLength);
@@ -109,7 +97,7 @@ void PROT(const char* cpFormat, ...) {
         raw.size() > kProtCodeLength + 1 ? raw.size() - kProtCodeLength - 1 : 0;
     const std::size_t formatLength = prefix.size() + rawText;
     if (formatLength >= kProtFormatLimit) {
-        report_shortened(fp.get(), stamp, pid, kProtFormatLimit, formatLength);
+        report_shortened(fp, stamp, pid, kProtFormatLimit, formatLength);
         const std::size_t room =
             kProtFormatLimit - 1 - std::min(prefix.size(), kProtFormatLimit - 1);
         body.resize(std::min(body.size(), room));
@@ -117,21 +105,56 @@ void PROT(const char* cpFormat, ...) {
 
     std::string line = prefix + body;
     if (line.size() >= kProtTextLimit) {
-        report_shortened(fp.get(), stamp, pid, kProtTextLimit, line.size());
+        report_shortened(fp, stamp, pid, kProtTextLimit, line.size());
         line.resize(kProtTextLimit - 1);
     }
 
     // One protocol line per text line, all with the same stamp, code and pid.
     std::size_t start = 0;
     std::size_t end = line.find('\n');
-    std::fprintf(fp.get(), "%s\n", line.substr(0, end).c_str());
+    std::fprintf(fp, "%s\n", line.substr(0, end).c_str());
     while (end != std::string::npos) {
         start = end + 1;
         end = line.find('\n', start);
         const std::string piece =
             line.substr(start, end == std::string::npos ? std::string::npos : end - start);
-        std::fprintf(fp.get(), "%s %s[%6d]: %s\n", stamp.c_str(), code.c_str(), pid, piece.c_str());
+        std::fprintf(fp, "%s %s[%6d]: %s\n", stamp.c_str(), code.c_str(), pid, piece.c_str());
     }
+}
+
+}  // namespace
+
+void set_prot_file_resolver(ProtFileResolver resolver) { gResolver = resolver; }
+
+void PROT(const char* cpFormat, ...) {
+    std::va_list args;
+    va_start(args, cpFormat);
+    const std::string text = vformat(cpFormat, args);
+    va_end(args);
+    if (gWriting) {
+        std::fprintf(stderr, "PROT: %s\n", text.c_str());
+        return;
+    }
+    struct Writing {
+        Writing() { gWriting = true; }
+        ~Writing() { gWriting = false; }
+    } writing;
+    std::string file;
+    const ProtFile where = gResolver != nullptr ? gResolver(file) : ProtFile::missing;
+    if (where == ProtFile::missing) {
+        std::fputs("\nNo gv_prot defined! rv_start_all necessary!\n", stderr);
+        return;
+    }
+    if (where == ProtFile::failed) {
+        std::fprintf(stderr, "PROT: protocol file unknown (%s): %s\n", file.c_str(), text.c_str());
+        return;
+    }
+    FilePtr fp(std::fopen(file.c_str(), "a"));
+    if (!fp) {
+        std::fprintf(stderr, "PROT: cannot write %s (%s): %s\n", file.c_str(), std::strerror(errno), text.c_str());
+        return;
+    }
+    write_message(fp.get(), std::string_view(cpFormat), text);
 }
 
 void prot_command_failed(const std::string& command, const std::string& text) {
@@ -148,13 +171,11 @@ void prot_command_failed(const std::string& command, const std::string& text) {
     }
 }
 
-void trap_db_err(std::string_view szModul, std::string_view szMsg, str_log strLogIn, int iExitFlg) {
+void trap_db_err(std::string_view szModul, std::string_view szMsg) {
     const std::string modul(szModul);
     const std::string msg(szMsg);
-    if (strLogIn.iFlg > 0) {
-        WRITE_TRACE(&strLogIn, "+++ KRL TRAP_DB_ERR in %s  %s  %s", kKernelVersion, modul.c_str(),
-                    msg.c_str());
-    }
+    WRITE_TRACE(1, "+++ KRL TRAP_DB_ERR in %s  %s  %s", kKernelVersion, modul.c_str(),
+                msg.c_str());
     switch (eLang) {
         case LANG_DE:
             PROT("E018-DATABAS %s erzeugte unerwartetes Ergebnis: %s.", modul.c_str(), msg.c_str());
@@ -166,17 +187,7 @@ void trap_db_err(std::string_view szModul, std::string_view szMsg, str_log strLo
             PROT("E018-DATABAS %s with unexpected result: %s.", modul.c_str(), msg.c_str());
             break;
     }
-    if (iExitFlg != 0) {
-        if (strLogIn.iFlg > 0) {
-            WRITE_TRACE(&strLogIn, "--- KRL TRAP_DB_ERR exits with 1");
-        }
-        std::printf("STATUS=ERROR MSG=\"%s: %s\"\n", modul.c_str(), msg.c_str());
-        std::fflush(stdout);
-        std::exit(1);
-    }
-    if (strLogIn.iFlg > 0) {
-        WRITE_TRACE(&strLogIn, "--- KRL TRAP_DB_ERR returns to caller");
-    }
+    WRITE_TRACE(1, "--- KRL TRAP_DB_ERR returns to caller");
 }
 
 }  // namespace rv

@@ -11,7 +11,7 @@
 #include "log/trace.hpp"
 #include "sys/atomic_file.hpp"
 #include "sys/file_io.hpp"
-#include "sys/files.hpp"
+#include "config/files.hpp"
 #include "sys/strings.hpp"
 
 namespace rv {
@@ -92,10 +92,8 @@ std::vector<std::pair<std::string, std::string>> columns_to_add(const std::strin
                 value.pop_back();
             }
         }
-        if (strLog.iFlg > 1) {
-            WRITE_TRACE(&strLog, "<add_entry> szColumn : %s", cols[i].c_str());
-            WRITE_TRACE(&strLog, "<add_entry> szTmp     : %s", value.c_str());
-        }
+        WRITE_TRACE(2, "<add_entry> szColumn : %s", cols[i].c_str());
+        WRITE_TRACE(2, "<add_entry> szTmp     : %s", value.c_str());
         pairs.emplace_back(cols[i], value);
         if (!several) {
             break;
@@ -140,10 +138,8 @@ bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& w
 
 void add_entry(strRow& row, const std::string& szColumn, const std::string& szValue) {
     row.columns.push_back({szColumn, szValue});
-    if (strLog.iFlg > 2) {
-        WRITE_TRACE(&strLog, "<add_entry> Create new column Column: %s    Value: %s", szColumn.c_str(),
-                    szValue.c_str());
-    }
+    WRITE_TRACE(3, "<add_entry> Create new column Column: %s    Value: %s", szColumn.c_str(),
+                szValue.c_str());
 }
 
 int delete_entry(strRow& row, std::string_view szColumn) {
@@ -180,27 +176,16 @@ std::string insert_text(std::string_view table, const std::string& columns, cons
 
 }  // namespace
 
-std::string insert_line(std::string_view table, const strRow& row) {
-    std::string columns;
-    std::string values;
-    insert_lists(row, columns, values);
-    return insert_text(table, columns, values);
-}
-
 void db_change(std::string_view cpTable) {
     const std::string table(cpTable);
     const std::string file = image_path(table);
-    if (strLog.iFlg > 1) {
-        WRITE_TRACE(&strLog, "<iRead_columns_and_values> szTable: %s", table.c_str());
-        WRITE_TRACE(&strLog, "<iRead_columns_and_values> try to open file: %s", file.c_str());
-    }
+    WRITE_TRACE(2, "<iRead_columns_and_values> szTable: %s", table.c_str());
+    WRITE_TRACE(2, "<iRead_columns_and_values> try to open file: %s", file.c_str());
     // A missing image (an empty table was dumped) gives a script that loads nothing.
     FilePtr in(std::fopen(file.c_str(), "r"));
     if (!in) {
         std::printf("can not open file %s: return false\n", file.c_str());
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "can not open file %s: return false", file.c_str());
-        }
+        WRITE_TRACE(1, "can not open file %s: return false", file.c_str());
     }
 
     std::string section = "[";
@@ -210,9 +195,7 @@ void db_change(std::string_view cpTable) {
     std::string msg;
     const bool haveColumns = i_GetPrivateProfileString(rvdb_ini, section, "ADD_COLUMNS", columns, msg, kKeySize);
     const bool haveValues = i_GetPrivateProfileString(rvdb_ini, section, "ADD_VALUES", values, msg, kKeySize);
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "change table %s", table.c_str());
-    }
+    WRITE_TRACE(1, "change table %s", table.c_str());
     std::printf("change table %s\n", table.c_str());
     std::vector<std::pair<std::string, std::string>> additions;
     if (haveColumns || haveValues) {
@@ -225,16 +208,12 @@ void db_change(std::string_view cpTable) {
     }
     std::fflush(stdout);
 
-    if (strLog.iFlg > 1) {
-        WRITE_TRACE(&strLog, "<write_struct> szTable: %s", table.c_str());
-        WRITE_TRACE(&strLog, "<write_struct> try to open file: %s", file.c_str());
-    }
+    WRITE_TRACE(2, "<write_struct> szTable: %s", table.c_str());
+    WRITE_TRACE(2, "<write_struct> try to open file: %s", file.c_str());
     AtomicFile out(file);
     if (!out.ok()) {
         std::printf("- can not open file %s return false.\n\n", file.c_str());
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "- can not open file %s return false", file.c_str());
-        }
+        WRITE_TRACE(1, "- can not open file %s return false", file.c_str());
         return;
     }
     std::fputs("connect ravik_db\n", out.stream());
@@ -272,15 +251,13 @@ void db_change(std::string_view cpTable) {
                    &out);
         }
         const std::string insert = insert_text(table, columnList, valueList);
-        if (strLog.iFlg > 2) {
-            WRITE_TRACE(&strLog, "%s", insert.c_str());
-        }
+        WRITE_TRACE(3, "%s", insert.c_str());
         std::fputs(insert.c_str(), out.stream());
         std::fputc('\n', out.stream());
     }
-    for (std::size_t d = 0; d < deletions.size() && strLog.iFlg > 1; ++d) {
-        WRITE_TRACE(&strLog, "<delete_entry> szColumn: %s", deletions[d].c_str());
-        WRITE_TRACE(&strLog, "<delete_entry> %d entries deleted", deleted[d]);
+    for (std::size_t d = 0; d < deletions.size() && tracing(2); ++d) {
+        WRITE_TRACE(2, "<delete_entry> szColumn: %s", deletions[d].c_str());
+        WRITE_TRACE(2, "<delete_entry> %d entries deleted", deleted[d]);
     }
     in.reset();
     if (!out.commit()) {

@@ -48,8 +48,4 @@ void add_entry(strRow& row, const std::string& szColumn, const std::string& szVa
 // returns 1 when one was removed, else 0.
 int delete_entry(strRow& row, std::string_view szColumn);
 
-// The INSERT line of one row: values in single quotes (quotes inside doubled),
-// the word NULL bare.
-std::string insert_line(std::string_view table, const strRow& row);
-
 }  // namespace rv

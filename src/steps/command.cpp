@@ -59,9 +59,7 @@ void resolve_references(std::string& word) {
         return;
     }
     if (word.rfind("gv_", 0) == 0) {
-        if (strLog.iFlg > 1) {
-            WRITE_TRACE(&strLog, "iCmdExecute: resolve_path([%s])", word.c_str());
-        }
+        WRITE_TRACE(2, "iCmdExecute: resolve_path([%s])", word.c_str());
         resolve_path(word);
         if (on_windows_cmd()) {
             std::replace(word.begin(), word.end(), '/', '\\');
@@ -98,14 +96,10 @@ std::string build_command_line(std::string_view cpString) {
     while (pos != std::string_view::npos) {
         const auto end = std::min(cpString.find(' ', pos), cpString.size());
         const std::string token(cpString.substr(pos, end - pos));
-        if (strLog.iFlg > 1) {
-            WRITE_TRACE(&strLog, "iCmdExecute: check token [%s]", token.c_str());
-        }
+        WRITE_TRACE(2, "iCmdExecute: check token [%s]", token.c_str());
         cmd += ' ';
         cmd += rewrite_command_word(token);
-        if (strLog.iFlg > 1) {
-            WRITE_TRACE(&strLog, "iCmdExecute: szCmd: %s", cmd.c_str());
-        }
+        WRITE_TRACE(2, "iCmdExecute: szCmd: %s", cmd.c_str());
         pos = cpString.find_first_not_of(' ', end);
     }
     return cmd;
@@ -113,9 +107,7 @@ std::string build_command_line(std::string_view cpString) {
 
 int iCmdExecute(std::string_view cpString) {
     const std::string cmd = build_command_line(cpString);
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "iCmdExecute = %s", cmd.c_str());
-    }
+    WRITE_TRACE(1, "iCmdExecute = %s", cmd.c_str());
     std::fflush(nullptr);
     [[maybe_unused]] const int status = std::system(cmd.c_str());
     return 1;
@@ -124,9 +116,7 @@ int iCmdExecute(std::string_view cpString) {
 std::string rmdir_command(std::string_view cpString) {
     std::string dir(cpString);
     resolve_path(dir);
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "iRmDir = %s", dir.c_str());
-    }
+    WRITE_TRACE(1, "iRmDir = %s", dir.c_str());
     if (pathes.separator == '/') {
         return "rm -rf " + dir;
     }
@@ -140,14 +130,10 @@ int iRmDir(std::string_view cpString) {
     if (cmd.size() > kRmDirCommandMax) {
         std::printf("iRmDir: command longer than %zu characters, nothing removed: %s\n", kRmDirCommandMax,
                     cmd.c_str());
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "iRmDir: command too long, nothing removed: %s", cmd.c_str());
-        }
+        WRITE_TRACE(1, "iRmDir: command too long, nothing removed: %s", cmd.c_str());
         return 1;
     }
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "iRmDir: %s", cmd.c_str());
-    }
+    WRITE_TRACE(1, "iRmDir: %s", cmd.c_str());
     std::fflush(nullptr);
     [[maybe_unused]] const int status = std::system(cmd.c_str());
     return 1;

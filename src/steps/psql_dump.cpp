@@ -1,4 +1,5 @@
 #include "steps/psql_dump.hpp"
+#include "log/trace.hpp"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,8 +14,8 @@
 #include "config/glbv.hpp"
 #include "db/signals.hpp"
 #include "sys/atomic_file.hpp"
-#include "sys/files.hpp"
-#include "sys/process.hpp"
+#include "config/files.hpp"
+#include "config/process.hpp"
 #include "sys/strings.hpp"
 #include "sys/file_io.hpp"
 
@@ -100,18 +101,14 @@ RunResult run_client(std::string cmd, bool interruptible) {
     return RunResult::finished;
 }
 
-bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg, str_log strTrace,
+bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg,
             bool interruptible, bool& interrupted) {
     const std::string id(cpId);
     const std::string sql(cpSqlCmd);
-    if (strTrace.iFlg > 0) {
-        WRITE_TRACE(&strTrace, "+++ PGSQL_DO_SQL   %s  %s ", id.c_str(), sql.c_str());
-    }
+    WRITE_TRACE(1, "+++ PGSQL_DO_SQL   %s  %s ", id.c_str(), sql.c_str());
     const auto fail = [&](const std::string& msg) {
         cpMsg = msg;
-        if (strTrace.iFlg > 0) {
-            WRITE_TRACE(&strTrace, "--- PGSQL_DO_SQL Return 0: %s  %s ", sql.c_str(), cpMsg.c_str());
-        }
+        WRITE_TRACE(1, "--- PGSQL_DO_SQL Return 0: %s  %s ", sql.c_str(), cpMsg.c_str());
         return false;
     };
     if (sql.find_first_of(kShellActive) != std::string::npos) {
@@ -126,9 +123,7 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
     {
         FilePtr in(std::fopen(sqi.c_str(), "w"));
         if (!in) {
-            if (strTrace.iFlg > 0) {
-                WRITE_TRACE(&strTrace, "--- PGSQL_DO_SQL  cannot open file %s to write", sqi.c_str());
-            }
+            WRITE_TRACE(1, "--- PGSQL_DO_SQL  cannot open file %s to write", sqi.c_str());
             return false;
         }
         std::fprintf(in.get(), "%s\n", sql.c_str());
@@ -138,9 +133,7 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
     }
 
     const std::string cmd = "psql -e -d ravik_db -P null=NULL -A -c \"" + sql + "\" 2>&1 > " + sqo;
-    if (strTrace.iFlg > 0) {
-        WRITE_TRACE(&strTrace, "Systemcall: %s ", cmd.c_str());
-    }
+    WRITE_TRACE(1, "Systemcall: %s ", cmd.c_str());
     // An answer left from an earlier run must not be taken for this one.
     std::remove(sqo.c_str());
     switch (run_client(cmd, interruptible)) {
@@ -163,18 +156,14 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
                             : "didn't find expected strings in database answer; please examine file " + sqo);
         }
     }
-    if (strTrace.iFlg > 0) {
-        WRITE_TRACE(&strTrace, "answer from database: %s ", answer.c_str());
-    }
+    WRITE_TRACE(1, "answer from database: %s ", answer.c_str());
     cpMsg = answer;
-    const bool ok = iPGSQL_MAKE_DB_GET_FILE(id, sqo, cpMsg, strTrace);
+    const bool ok = iPGSQL_MAKE_DB_GET_FILE(id, sqo, cpMsg);
     if (ok) {
         std::remove(sqi.c_str());
         std::remove(sqo.c_str());
     }
-    if (strTrace.iFlg > 0) {
-        WRITE_TRACE(&strTrace, "--- PGSQL_DO_SQL   %s ", cpMsg.c_str());
-    }
+    WRITE_TRACE(1, "--- PGSQL_DO_SQL   %s ", cpMsg.c_str());
     return ok;
 }
 
@@ -186,33 +175,20 @@ std::string table_image_path(std::string_view cpId) {
 }
 
 bool iSELECT_INTO_TEMP_FILE(std::string_view cpId, std::string_view cpSql, std::string& cpMsg) {
-    if (strLog.iFlg > 0) {
-        const std::string id(cpId);
-        const std::string sql(cpSql);
-        WRITE_TRACE(&strLog, "+++ iSELECT_INTO_TEMP_FILE  id:%s sql:%s", id.c_str(), sql.c_str());
-    }
+    WRITE_TRACE(1, "+++ iSELECT_INTO_TEMP_FILE  id:%.*s sql:%.*s", static_cast<int>(cpId.size()), cpId.data(),
+                static_cast<int>(cpSql.size()), cpSql.data());
     bool interrupted = false;
-    const bool ok = do_sql(cpId, cpSql, cpMsg, strLog, true, interrupted);
+    const bool ok = do_sql(cpId, cpSql, cpMsg, true, interrupted);
     if (interrupted) {
         return false;
     }
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "--- iSELECT_INTO_TEMP_FILE  returns %d  msg:%s", ok ? 1 : 0, cpMsg.c_str());
-    }
+    WRITE_TRACE(1, "--- iSELECT_INTO_TEMP_FILE  returns %d  msg:%s", ok ? 1 : 0, cpMsg.c_str());
     return ok;
 }
 
-bool iPGSQL_DO_SQL(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg, str_log strTrace) {
-    bool interrupted = false;
-    return do_sql(cpId, cpSqlCmd, cpMsg, strTrace, false, interrupted);
-}
-
-bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutFile, std::string& cpMsg,
-                             str_log strTrace) {
+bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutFile, std::string& cpMsg) {
     const std::string id(cpId);
-    if (strTrace.iFlg > 0) {
-        WRITE_TRACE(&strTrace, "+++ iPGSQL_MAKE_DB_GET_FILE");
-    }
+    WRITE_TRACE(1, "+++ iPGSQL_MAKE_DB_GET_FILE");
     const std::string image = table_image_path(id);
     // Every failure leaves no image behind: neither a half-written one nor
     // an older one that a later import would load instead.
@@ -221,9 +197,7 @@ bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutF
         if (!image.empty()) {
             std::remove(image.c_str());
         }
-        if (strTrace.iFlg > 0) {
-            WRITE_TRACE(&strTrace, "--- PGSQL_MAKE_DB_GET_FILE returns -1: %s ", cpMsg.c_str());
-        }
+        WRITE_TRACE(1, "--- PGSQL_MAKE_DB_GET_FILE returns -1: %s ", cpMsg.c_str());
         return false;
     };
     if (image.empty()) {
@@ -244,13 +218,9 @@ bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutF
     }
     const std::vector<std::string> names = split(line, '|', EmptyFields::keep);
     for (const auto& name : names) {
-        if (strTrace.iFlg > 2) {
-            WRITE_TRACE(&strTrace, "column: %s ", name.c_str());
-        }
+        WRITE_TRACE(3, "column: %s ", name.c_str());
     }
-    if (strTrace.iFlg > 2) {
-        WRITE_TRACE(&strTrace, "read the values");
-    }
+    WRITE_TRACE(3, "read the values");
     // Checked once the answer is known to be a query result.
     const auto check_columns = [&]() -> std::string {
         if (names.size() > kDumpColumnsMax) {
@@ -282,9 +252,7 @@ bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutF
                 return fail(refusal);
             }
         }
-        if (strTrace.iFlg > 2) {
-            WRITE_TRACE(&strTrace, "values: %s ", line.c_str());
-        }
+        WRITE_TRACE(3, "values: %s ", line.c_str());
         std::vector<std::string> values = split(line, '|', EmptyFields::keep);
         if (values.size() != names.size()) {
             return fail("iPGSQL_MAKE_DB_GET_FILE: row " + std::to_string(rows + 1) + " of " + id + " has " +
@@ -322,9 +290,7 @@ bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutF
         return fail("Can't write file " + image);
     }
     cpMsg = std::to_string(rows);
-    if (strTrace.iFlg > 0) {
-        WRITE_TRACE(&strTrace, "--- PGSQL_MAKE_DB_GET_FILE   rows= %s ", cpMsg.c_str());
-    }
+    WRITE_TRACE(1, "--- PGSQL_MAKE_DB_GET_FILE   rows= %s ", cpMsg.c_str());
     return true;
 }
 

@@ -12,7 +12,6 @@
 #include <string>
 #include <string_view>
 
-#include "log/trace.hpp"
 
 namespace rv {
 
@@ -26,15 +25,10 @@ inline constexpr std::size_t kDumpColumnNameMax = 15;
 // signal broke the statement off, with `cpMsg` as it was).
 bool iSELECT_INTO_TEMP_FILE(std::string_view cpId, std::string_view cpSql, std::string& cpMsg);
 
-// Runs the statement and judges the client's answer; on success converts it
-// into the table image. Returns true on success.
-bool iPGSQL_DO_SQL(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg, str_log strTrace);
-
 // Converts the client's answer `cpSqlOutFile` into the table image of
 // `cpId`. Returns true with the row count in `cpMsg`; false with the reason.
 // No rows: the image is removed.
-bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutFile, std::string& cpMsg,
-                             str_log strTrace);
+bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutFile, std::string& cpMsg);
 
 // Full path of the table image of `cpId`, or "" when the work directory is
 // unknown (neither the global variable gv_rw_work nor the [PATHES] key).

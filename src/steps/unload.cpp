@@ -38,18 +38,14 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
     const std::string mode(cpMode);
     const std::string list(cpTable);
     (void)cpDatabase;
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "+++ db_unload %s for [%s]", mode.c_str(), list.c_str());
-    }
+    WRITE_TRACE(1, "+++ db_unload %s for [%s]", mode.c_str(), list.c_str());
     const bool all = for_each_table(cpTable, [&](const std::string& table) {
         if (mode == "export") {
             const std::string cmd = pathes.bin_ravik + "rv_db \"select * from " + table + "\" -e > " +
                                     pathes.var_work + "db_" + table + ".tmp";
             std::fflush(nullptr);
             const int status = std::system(cmd.c_str());
-            if (strLog.iFlg > 0) {
-                WRITE_TRACE(&strLog, "export %s returned exit state %d", table.c_str(), status);
-            }
+            WRITE_TRACE(1, "export %s returned exit state %d", table.c_str(), status);
             if (strLog.iVerify == 0) {
                 std::printf("export %s returned exit state %d\n", table.c_str(), status);
             }
@@ -58,18 +54,14 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
         const std::string sql = "select distinct * from " + table;
         std::string msg;
         if (iSELECT_INTO_TEMP_FILE(table, sql, msg)) {
-            if (strLog.iFlg > 0) {
-                WRITE_TRACE(&strLog, "select %s rows from %s", msg.c_str(), table.c_str());
-            }
+            WRITE_TRACE(1, "select %s rows from %s", msg.c_str(), table.c_str());
             if (strLog.iVerify == 0) {
                 std::printf("select %s rows from %s\n", msg.c_str(), table.c_str());
             }
             return true;
         }
-        trap_db_err(sql, msg, strLog, 0);
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "got error from statement %s", sql.c_str());
-        }
+        trap_db_err(sql, msg);
+        WRITE_TRACE(1, "got error from statement %s", sql.c_str());
         if (strLog.iVerify == 0) {
             std::printf("got error from %s select statement\n", table.c_str());
         }
@@ -79,29 +71,21 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
     if (!all) {
         return 0;
     }
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "--- db_unload done %s", mode.c_str());
-    }
+    WRITE_TRACE(1, "--- db_unload done %s", mode.c_str());
     return 1;
 }
 
 int db_load(std::string_view cpDatabase, std::string_view cpTable) {
     (void)cpDatabase;
     const std::string list(cpTable);
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "+++ import for %s", list.c_str());
-    }
+    WRITE_TRACE(1, "+++ import for %s", list.c_str());
     int status = 0;
     for_each_table(cpTable, [&](const std::string& table) {
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "load values into table %s", table.c_str());
-        }
+        WRITE_TRACE(1, "load values into table %s", table.c_str());
         if (strLog.iVerify == 0) {
             std::printf("load values into table %s\n", table.c_str());
         }
-        if (strLog.iFlg > 1) {
-            WRITE_TRACE(&strLog, "get values from file: %sdb_%s.tmp", pathes.var_work.c_str(), table.c_str());
-        }
+        WRITE_TRACE(2, "get values from file: %sdb_%s.tmp", pathes.var_work.c_str(), table.c_str());
         const std::string cmd =
             pathes.bin_db + "oaisql -c " + pathes.var_work + "db_" + table + ".tmp -e 2>&1";
         std::fflush(nullptr);
@@ -118,26 +102,20 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable) {
             for (int i = 0; i < 2 && !line.empty() && (line.back() == '\n' || line.back() == '\r'); ++i) {
                 line.pop_back();
             }
-            if (strLog.iFlg > 0) {
-                WRITE_TRACE(&strLog, "%s", line.c_str());
-            }
+            WRITE_TRACE(1, "%s", line.c_str());
             if (line.find("Error") != std::string::npos) {
                 ++errors;
             }
         }
         status = pclose(pipe.release());
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "import %s returned exit state %d with %d errors", table.c_str(), status, errors);
-        }
+        WRITE_TRACE(1, "import %s returned exit state %d with %d errors", table.c_str(), status, errors);
         if (strLog.iVerify == 0) {
             std::printf("import %s returned exit state %d with %d errors\n", table.c_str(), status, errors);
         }
         std::fflush(stdout);
         return true;
     });
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "+++ import done for %s", list.c_str());
-    }
+    WRITE_TRACE(1, "+++ import done for %s", list.c_str());
     return status;
 }
 

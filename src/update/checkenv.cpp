@@ -13,7 +13,7 @@
 #include "log/finish.hpp"
 #include "log/trace.hpp"
 #include "sys/console.hpp"
-#include "sys/dirwalk.hpp"
+#include "config/dirwalk.hpp"
 
 namespace rv {
 
@@ -26,7 +26,7 @@ constexpr std::size_t kVersionSize = 256;
 std::vector<std::string> matching_files(const std::string& pattern) {
     std::vector<std::string> names;
     rv_dirent de;
-    for (bool more = i_GET_DIR(pattern, de, strLog); more; more = i_GET_DIR("", de, strLog)) {
+    for (bool more = i_GET_DIR(pattern, de); more; more = i_GET_DIR("", de)) {
         names.push_back(de.d_name);
     }
     return names;
@@ -35,9 +35,7 @@ std::vector<std::string> matching_files(const std::string& pattern) {
 // Reports a broken installation and ends the run; `mark` follows the
 // message on the console only.
 [[noreturn]] void fail(const std::string& msg, const char* mark = "") {
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "ERROR: %s", msg.c_str());
-    }
+    WRITE_TRACE(1, "ERROR: %s", msg.c_str());
     std::fprintf(stderr, "\nERROR: %s%s\n", msg.c_str(), mark);
     std::fflush(stderr);
     FINISH(RV_ERROR, msg);
@@ -55,25 +53,17 @@ void detect_new_version(std::string& version) {
         fail("rv_db_update breaks because there is no version file: " + pattern);
     }
     for (const auto& name : names) {
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "got version file %s", name.c_str());
-        }
+        WRITE_TRACE(1, "got version file %s", name.c_str());
     }
     // The listing is not sorted: the last name it delivers wins.
     const std::string file = pathes.root_ravik + "skel" + s + names.back();
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "version file %s", file.c_str());
-    }
+    WRITE_TRACE(1, "version file %s", file.c_str());
     std::string msg;
     if (!read_version(file, version, msg)) {
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "rv_db_update: %s", msg.c_str());
-        }
+        WRITE_TRACE(1, "rv_db_update: %s", msg.c_str());
         FINISH(RV_ERROR, "rv_db_update: couldn't find version file! " + msg);
     }
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "got new version %s", version.c_str());
-    }
+    WRITE_TRACE(1, "got new version %s", version.c_str());
 }
 
 void ask_operator_for_old_version(std::string& version) {
@@ -86,9 +76,7 @@ void ask_operator_for_old_version(std::string& version) {
     }
     std::printf("Update von Version: %s\n", version.c_str());
     std::fflush(stdout);
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "Update from Version: %s (given by user)", version.c_str());
-    }
+    WRITE_TRACE(1, "Update from Version: %s (given by user)", version.c_str());
 }
 
 void detect_old_version(std::string& version) {
@@ -98,9 +86,7 @@ void detect_old_version(std::string& version) {
     const auto names = matching_files(dir + "*_srv.*.*");
     if (!names.empty()) {
         for (std::size_t i = 0; i < names.size(); ++i) {
-            if (strLog.iFlg > 0) {
-                WRITE_TRACE(&strLog, i == 0 ? "got old version file %s" : "got version file %s", names[i].c_str());
-            }
+            WRITE_TRACE(1, i == 0 ? "got old version file %s" : "got version file %s", names[i].c_str());
         }
         name = names.back();
     } else {
@@ -113,20 +99,14 @@ void detect_old_version(std::string& version) {
         if (loose.size() > 1) {
             fail("rv_db_update breaks because there are several old version files: " + loose[0] + ", " + loose[1] + "!", "!");
         }
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "got old version file %s", loose[0].c_str());
-        }
+        WRITE_TRACE(1, "got old version file %s", loose[0].c_str());
         name = loose[0];
     }
     const std::string file = dir + name;
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "old version file %s", file.c_str());
-    }
+    WRITE_TRACE(1, "old version file %s", file.c_str());
     std::string msg;
     if (!read_version(file, version, msg)) {
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "rv_db_update: %s", msg.c_str());
-        }
+        WRITE_TRACE(1, "rv_db_update: %s", msg.c_str());
         ask_operator_for_old_version(version);
     }
 }
@@ -160,11 +140,9 @@ void upd_setenv() {
         value += list_sep;
         value += old;
     }
-    if (strLog.iFlg > 1) {
-        WRITE_TRACE(&strLog, "setenv() set LD_LIBRARY_PATH=%s", value.c_str());
-    }
-    if (setenv("LD_LIBRARY_PATH", value.c_str(), 1) != 0 && strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "upd_setenv() Failed to set environment variable LD_LIBRARY_PATH");
+    WRITE_TRACE(2, "setenv() set LD_LIBRARY_PATH=%s", value.c_str());
+    if (setenv("LD_LIBRARY_PATH", value.c_str(), 1) != 0) {
+        WRITE_TRACE(1, "upd_setenv() Failed to set environment variable LD_LIBRARY_PATH");
     }
 }
 

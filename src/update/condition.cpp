@@ -35,9 +35,8 @@ void substitute(std::string& word, std::string_view name, const std::string& ver
 }  // namespace
 
 bool iCondition(std::string& szCondition) {
-    std::string dbTypeName = "gv_db_type";
-    std::string dbType;
-    glbv('r', dbTypeName, dbType);
+    const GlbvResult type = glbv_read("gv_db_type");
+    const std::string dbType = type.found() ? type.text : std::string();
 
     // At most three words, split at single blanks: two blanks in a row make
     // an empty word; a fourth and later words are ignored.

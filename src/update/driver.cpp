@@ -86,9 +86,7 @@ int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart,
             db_unload("export", database, rest);
             break;
         case Keyword::exit:
-            if (strLog.iFlg > 0) {
-                WRITE_TRACE(&strLog, "--- PARSER breaks bcs. of keyword 'exit'");
-            }
+            WRITE_TRACE(1, "--- PARSER breaks bcs. of keyword 'exit'");
             return 0;
         case Keyword::import:
             database_and_rest();
@@ -109,15 +107,11 @@ int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart,
             break;
         case Keyword::section:
             // The whole step text names the section, keyword included.
-            if (strLog.iFlg > 1) {
-                WRITE_TRACE(&strLog, "call iDbUpdate [%s]", expanded.c_str());
-            }
+            WRITE_TRACE(2, "call iDbUpdate [%s]", expanded.c_str());
             iDbUpdate(expanded);
             break;
         case Keyword::keyNotFound:
-            if (strLog.iFlg > 0) {
-                WRITE_TRACE(&strLog, "--- PARSER breaks bcs. of keyword 'KEY_NOT_FOUND'");
-            }
+            WRITE_TRACE(1, "--- PARSER breaks bcs. of keyword 'KEY_NOT_FOUND'");
             return 0;
     }
     return 1;
@@ -131,9 +125,7 @@ std::string expand_versions(std::string_view text) {
     std::string expanded;
     bool first = true;
     for (std::string& word : split(text, ' ', EmptyFields::keep)) {
-        if (strLog.iFlg > 2) {
-            WRITE_TRACE(&strLog, "got token: %s", word.c_str());
-        }
+        WRITE_TRACE(3, "got token: %s", word.c_str());
         if (word.find("$old_version") != std::string::npos) {
             replace_first(word, "$old_version", pathes.version_old);
         } else {
@@ -150,9 +142,7 @@ std::string expand_versions(std::string_view text) {
 
 int parser(std::string_view cpString, int iStep) {
     const std::string line(cpString);
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "+++ PARSER %s  (%d)", line.c_str(), iStep);
-    }
+    WRITE_TRACE(1, "+++ PARSER %s  (%d)", line.c_str(), iStep);
     std::string keyword;
     std::size_t argStart = get_string(line, keyword, 0, ' ');
     std::string command = line;
@@ -161,28 +151,20 @@ int parser(std::string_view cpString, int iStep) {
     if (keyword == "[") {
         std::string condition;
         const std::size_t behindBracket = get_string(line, condition, 2, ']');
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "check condition: [%s]", condition.c_str());
-        }
+        WRITE_TRACE(1, "check condition: [%s]", condition.c_str());
         if (line.find(" && ") == std::string::npos) {
-            if (strLog.iFlg > 0) {
-                WRITE_TRACE(&strLog, "WARNING: condition line in illegal format: %s", line.c_str());
-            }
+            WRITE_TRACE(1, "WARNING: condition line in illegal format: %s", line.c_str());
             print_condition_format_help(line);
             // The condition text stands where the keyword belongs.
             command.clear();
             keyword = condition;
             argStart = 0;
         } else if (iCondition(condition)) {
-            if (strLog.iFlg > 0) {
-                WRITE_TRACE(&strLog, "condition is valid: %s", condition.c_str());
-            }
+            WRITE_TRACE(1, "condition is valid: %s", condition.c_str());
             get_string(line, command, behindBracket + 4, '\0');
             argStart = get_string(command, keyword, 0, ' ');
         } else {
-            if (strLog.iFlg > 0) {
-                WRITE_TRACE(&strLog, "condition is not valid: %s", condition.c_str());
-            }
+            WRITE_TRACE(1, "condition is not valid: %s", condition.c_str());
             execute = false;
         }
     }
@@ -193,9 +175,7 @@ int parser(std::string_view cpString, int iStep) {
             return 0;
         }
     }
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "--- PARSER");
-    }
+    WRITE_TRACE(1, "--- PARSER");
     return 1;
 }
 
@@ -206,23 +186,17 @@ int iDbUpdate(std::string_view cpVersion) {
                              ", section [" + name + "] not run (does a section call itself?)");
     }
     ++iSectionDepth;
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "+++ DbUpdate [%s]", name.c_str());
-    }
+    WRITE_TRACE(1, "+++ DbUpdate [%s]", name.c_str());
     const std::string section = "[" + name + "]";
     std::string step;
     std::string msg;
     i_GetPrivateProfileString(rvdb_ini, section, "last_step_nr", step, msg);
-    if (strLog.iFlg > 1) {
-        WRITE_TRACE(&strLog, "got last_step_nr: %s, szMsg: %s", step.c_str(), msg.c_str());
-    }
+    WRITE_TRACE(2, "got last_step_nr: %s, szMsg: %s", step.c_str(), msg.c_str());
     const int count = std::atoi(step.c_str());
     for (int i = 1; i <= count; ++i) {
         const std::string key = "step_" + std::to_string(i);
-        if (strLog.iFlg > 0) {
-            WRITE_TRACE(&strLog, "i_GetPrivateProfileString ( %s, %s, %s, szTmp )", rvdb_ini.c_str(),
-                        section.c_str(), key.c_str());
-        }
+        WRITE_TRACE(1, "i_GetPrivateProfileString ( %s, %s, %s, szTmp )", rvdb_ini.c_str(),
+                    section.c_str(), key.c_str());
         // A missing key leaves the buffer as it was: the previous step's
         // text runs again under the new number.
         i_GetPrivateProfileString(rvdb_ini, section, key, step, msg);
@@ -230,9 +204,7 @@ int iDbUpdate(std::string_view cpVersion) {
             break;
         }
     }
-    if (strLog.iFlg > 0) {
-        WRITE_TRACE(&strLog, "--- DbUpdate %s", name.c_str());
-    }
+    WRITE_TRACE(1, "--- DbUpdate %s", name.c_str());
     --iSectionDepth;
     return 1;
 }

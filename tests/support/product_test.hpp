@@ -1,10 +1,12 @@
 // Base fixture of the unit tests that touch the product's state: a sandbox
-// with its protocol file, a trace context that is off, and the message
+// with its protocol file, the trace off, and the message
 // language and trace state reset around every test.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include "config/log_setup.hpp"
+#include "log/prot.hpp"
 #include "log/trace.hpp"
 #include "support/sandbox.hpp"
 
@@ -17,12 +19,11 @@ class ProductTest : public ::testing::Test {
     static void reset() {
         rv::trace_reset();
         rv::eLang = rv::LANG_EN;
-        rv::strLog = rv::str_log{};
+        rv::install_product_services();
     }
 
     Sandbox box;
     std::string prot = box.use_protocol();
-    rv::str_log log;
 };
 
 }  // namespace rvtest

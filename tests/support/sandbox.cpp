@@ -1,5 +1,7 @@
 #include "support/sandbox.hpp"
 
+#include "config/log_setup.hpp"
+
 #include <unistd.h>
 
 #include <cstdio>
@@ -86,6 +88,7 @@ void Sandbox::set_glbv(const std::string& name, const std::string& value) {
 }
 
 std::string Sandbox::use_protocol() {
+    rv::install_product_services();
     set_glbv("gv_prot", path("prot.log"));
     return path("prot.log");
 }

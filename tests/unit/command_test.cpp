@@ -8,6 +8,7 @@
 #include <regex>
 
 #include "config/product.hpp"
+#include "log/finish.hpp"
 #include "support/sandbox.hpp"
 
 namespace {
@@ -80,7 +81,7 @@ TEST_F(CommandWords, OverlongRemovalIsRefusedAndAnEmptyLineEndsTheRun) {
                                 victim),
               std::string::npos);
     EXPECT_EQ(rvtest::read_file(victim + "/file"), "x");
-    EXPECT_EXIT(rv::build_command_line("   "), ::testing::ExitedWithCode(2), "");
+    EXPECT_THROW(rv::build_command_line("   "), rv::Fatal);
 }
 
 }  // namespace

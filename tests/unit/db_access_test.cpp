@@ -25,11 +25,11 @@ TEST_F(DbText, CleanupQuotaRepairsApostrophesInAssignedLiterals) {
     };
     for (const auto& [in, ok, out] : cases) {
         std::string sql = in;
-        EXPECT_EQ(rv::CLEANUP_QUOTA(sql, log), ok) << in;
+        EXPECT_EQ(rv::CLEANUP_QUOTA(sql), ok) << in;
         EXPECT_EQ(sql, out);
     }
     std::string sql = "SELECT Name FROM Media WHERE Label='MiXed' AND Pool='P'";
-    rv::SQL_LOWERCASE(sql, log);
+    rv::SQL_LOWERCASE(sql);
     EXPECT_EQ(sql, "select name from media where label='MiXed' AND Pool='P'");
 }
 
@@ -53,7 +53,7 @@ TEST_F(DbText, FormOfAStatementAndItsTable) {
               "abcdefghijklmnopqrstuvwxyz0123456789");
     // A keyword statement is a date request; only two letters are looked at first.
     std::string msg;
-    EXPECT_FALSE(rv::iDB_ACCESS("DATA", msg, nullptr, log));
+    EXPECT_FALSE(rv::iDB_ACCESS("DATA", msg, nullptr));
     EXPECT_EQ(msg, "wrong function-argument: DATA");
 }
 

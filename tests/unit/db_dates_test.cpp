@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "db/dates.hpp"
+#include "log/prot.hpp"
 #include "support/sandbox.hpp"
 
 namespace {
@@ -30,7 +31,7 @@ TEST(DbDates, FormsByDatabaseType) {
     for (const auto& c : cases) {
         box.set_glbv("gv_db_type", c.type);
         std::string msg = c.in;
-        EXPECT_TRUE(rv::iDB_CONVERT_DATE_TIME(c.key, msg, {})) << c.type << " " << c.key;
+        EXPECT_TRUE(rv::iDB_CONVERT_DATE_TIME(c.key, msg)) << c.type << " " << c.key;
         EXPECT_EQ(msg, c.out) << c.type << " " << c.key << " " << c.in;
     }
 
@@ -41,7 +42,7 @@ TEST(DbDates, FormsByDatabaseType) {
     for (const auto& [lang, key] : unknown) {
         rv::eLang = lang;
         std::string msg = "x";
-        EXPECT_FALSE(rv::iDB_CONVERT_DATE_TIME(key, msg, {}));
+        EXPECT_FALSE(rv::iDB_CONVERT_DATE_TIME(key, msg));
         EXPECT_EQ(msg, std::string("wrong function-argument: ") + key);
     }
     rv::eLang = rv::LANG_EN;

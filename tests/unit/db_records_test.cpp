@@ -41,21 +41,21 @@ TEST_F(Records, RecordListTextsAndTheColumnLimit) {
     auto res = make_result({"name", "size"}, {{"a|b=c", std::nullopt}, {"", "NULL"}});
     rv::DB_REC_LIS list;
     std::string msg;
-    ASSERT_TRUE(rv::iPSQL_MAKE_DB_REC_LIS(res.get(), msg, &list, log));
+    ASSERT_TRUE(rv::iPSQL_MAKE_DB_REC_LIS(res.get(), msg, &list));
     EXPECT_EQ(msg, "2");
     ASSERT_EQ(list.iRows(), 2);
     EXPECT_EQ(list.records[0].cpData, "|name=a|b=c|size=NULL|");
     EXPECT_EQ(list.records[1].cpData, "|name=|size=NULL|");
 
     ASSERT_TRUE(
-        rv::iPSQL_MAKE_DB_REC_LIS(make_result({}, {Row(100, "v")}, 100).get(), msg, &list, log));
+        rv::iPSQL_MAKE_DB_REC_LIS(make_result({}, {Row(100, "v")}, 100).get(), msg, &list));
     EXPECT_TRUE(list.records[0].cpData.ends_with("|c98=v|c99=v|"));
     auto wider = make_result({}, {Row(101, "v")}, 101);
     rv::DB_REC_LIS refused;
     refused.szId = "wider";
     for (const auto lang : {rv::LANG_EN, rv::LANG_DE, rv::LANG_BA, rv::LANG_FR}) {
         rv::eLang = lang;
-        EXPECT_FALSE(rv::iPSQL_MAKE_DB_REC_LIS(wider.get(), msg, &refused, log));
+        EXPECT_FALSE(rv::iPSQL_MAKE_DB_REC_LIS(wider.get(), msg, &refused));
         EXPECT_EQ(msg, "too much columns ( max 100 )");
     }
     EXPECT_EQ(refused.iRows(), 0);
@@ -72,7 +72,7 @@ TEST_F(Records, ExportTextAndItsColumnLimit) {
     std::string msg = "media";
     auto res = make_result({"id", "name", "note"}, {{"1", "a|b", std::nullopt}, {"2", "", "x"}});
     EXPECT_EQ(
-        rvtest::capture(1, [&] { ok = rv::iPSQL_MAKE_EXPORT_FILE(res.get(), msg, nullptr, log); }),
+        rvtest::capture(1, [&] { ok = rv::iPSQL_MAKE_EXPORT_FILE(res.get(), msg, nullptr); }),
         "INSERT INTO media (id,name,note) VALUES ('1','a|b',NULL);\n"
         "INSERT INTO media (id,name,note) VALUES ('2','','x');\n"
         "\n-- 2 rows found \n");
@@ -81,7 +81,7 @@ TEST_F(Records, ExportTextAndItsColumnLimit) {
     msg = "wide";
     res = make_result({}, {Row(101, "v")}, 101);
     EXPECT_EQ(
-        rvtest::capture(1, [&] { ok = rv::iPSQL_MAKE_EXPORT_FILE(res.get(), msg, nullptr, log); }),
+        rvtest::capture(1, [&] { ok = rv::iPSQL_MAKE_EXPORT_FILE(res.get(), msg, nullptr); }),
         "");
     EXPECT_FALSE(ok);
     EXPECT_EQ(msg, "too much columns ( max 100 )");

@@ -1,5 +1,5 @@
 // Line search, the report of a failed file operation, and the directory walk.
-#include "sys/files.hpp"
+#include "config/files.hpp"
 
 #include <gtest/gtest.h>
 
@@ -7,18 +7,19 @@
 #include <cerrno>
 #include <cstring>
 
+#include "log/trace.hpp"
 #include "support/sandbox.hpp"
-#include "sys/dirwalk.hpp"
+#include "config/dirwalk.hpp"
 
 namespace {
 
 using Names = std::vector<std::string>;
 
 // Every entry of a walk started with `pattern`.
-Names walk(const std::string& pattern, const rv::str_log& log = {}) {
+Names walk(const std::string& pattern) {
     Names names;
     rv::rv_dirent de;
-    for (bool ok = rv::i_GET_DIR(pattern, de, log); ok; ok = rv::i_GET_DIR("", de, log)) {
+    for (bool ok = rv::i_GET_DIR(pattern, de); ok; ok = rv::i_GET_DIR("", de)) {
         names.push_back(de.d_name);
     }
     std::sort(names.begin(), names.end());
@@ -67,9 +68,9 @@ TEST(Files, GetDirWalksEveryMatchOnce) {
     EXPECT_EQ(walk(work + "*.none"), Names{});
     rv::rv_dirent de;
     // A directory that cannot be opened is traced from level 1 on.
-    const rv::str_log log{box.path("trace.lgc"), 1, 0, ""};
-    EXPECT_FALSE(rv::i_GET_DIR(box.path("absent/") + "*", de, log));
-    EXPECT_TRUE(rvtest::read_file(log.szFile)
+    rv::strLog = {box.path("trace.lgc"), 1, 0, ""};
+    EXPECT_FALSE(rv::i_GET_DIR(box.path("absent/") + "*", de));
+    EXPECT_TRUE(rvtest::read_file(rv::strLog.szFile)
                     .ends_with("iGET_DIR: Error in opendir( " + box.path("absent/") +
                                " ): " + std::strerror(ENOENT) + "\n"));
 }

@@ -12,10 +12,12 @@ namespace {
 
 class Glbv : public rvtest::ProductTest {
   protected:
+    // The text of a read, prefixed by "found: ", "missing: " or "failed: ".
     std::string read(const std::string& name) {
         std::string n = name;
-        std::string value;
-        return rv::glbv('r', n, value);
+        const rv::GlbvResult r = rv::glbv('r', n);
+        const char* status[] = {"found: ", "missing: ", "failed: "};
+        return status[static_cast<int>(r.status)] + r.text;
     }
     std::string var(const std::string& name) const { return box.dir("gv_rw_glbv") + name + ".rgv"; }
 };
@@ -37,24 +39,23 @@ TEST_F(Glbv, ReadJoinsLinesAndCutsLongValues) {
     };
     for (const auto& [content, value] : cases) {
         rvtest::write_file(var("a_b_c"), content);
-        EXPECT_EQ(read("a_b_c"), value) << content;
+        EXPECT_EQ(read("a_b_c"), "found: " + value) << content;
     }
     // '/' and '\' in the name become '_', in the caller's string too.
     std::string name = "a/b\\c";
-    std::string value;
-    EXPECT_EQ(rv::glbv('r', name, value), text.substr(0, max - 1) + ">");
+    EXPECT_EQ(rv::glbv('r', name).text, text.substr(0, max - 1) + ">");
     EXPECT_EQ(name, "a_b_c");
 }
 
-TEST_F(Glbv, FailuresAreTextsThatBeginWithQuestionMarks) {
+TEST_F(Glbv, MissingAndFailedReadsAreToldApart) {
     rvtest::write_file(var("empty"), "");
     std::filesystem::create_directory(var("dir"));
     EXPECT_EQ(rvtest::capture(2,
                               [&] {
-                                  EXPECT_EQ(read("missing"), "?? GLBV missing not existing");
-                                  EXPECT_EQ(read("empty"), "?? GLBV empty not existing");
+                                  EXPECT_EQ(read("missing"), "missing: ?? GLBV missing not existing");
+                                  EXPECT_EQ(read("empty"), "missing: ?? GLBV empty not existing");
                                   EXPECT_EQ(read("dir"),
-                                            "?? GLBV dir not existing: Is a directory");
+                                            "failed: ?? GLBV dir not existing: Is a directory");
                               }),
               "glbv() read failed: empty file\nglbv() read " + var("dir") +
                   " failed: Is a directory (21)\n");
@@ -72,7 +73,7 @@ TEST_F(Glbv, FailuresAreTextsThatBeginWithQuestionMarks) {
     };
     for (const auto& [lang, text] : fatal) {
         rv::eLang = lang;
-        EXPECT_EQ(read("v"), text);
+        EXPECT_EQ(read("v"), "missing: " + text);
     }
 }
 

@@ -1,6 +1,6 @@
 // Running shell command lines: exit codes, the decoding of abnormal ends with
 // their console, buffer and protocol texts, and the refused environment.
-#include "sys/process.hpp"
+#include "config/process.hpp"
 
 #include <gtest/gtest.h>
 

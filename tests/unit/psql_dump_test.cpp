@@ -16,7 +16,7 @@ class DumpImage : public ::testing::Test {
     bool convert(const std::string& sqo) {
         const std::string file = box.dir("gv_rw_tmp") + "media.sqo";
         rvtest::write_file(file, sqo);
-        return rv::iPGSQL_MAKE_DB_GET_FILE("media", file, msg, rv::str_log{});
+        return rv::iPGSQL_MAKE_DB_GET_FILE("media", file, msg);
     }
     // The image, or "<none>".
     std::string image() const {
@@ -72,7 +72,7 @@ TEST_F(DumpImage, AnswersThatCannotBeCarriedFailTheDump) {
         EXPECT_EQ(image(), "<none>") << "no stale image may be loaded later";
     }
     EXPECT_TRUE(convert("s\nexpiration_date\n1\n(1 row)\n"));
-    EXPECT_FALSE(rv::iPGSQL_MAKE_DB_GET_FILE("media", box.path("none.sqo"), msg, {}));
+    EXPECT_FALSE(rv::iPGSQL_MAKE_DB_GET_FILE("media", box.path("none.sqo"), msg));
     EXPECT_EQ(msg, "Can't open file " + box.path("none.sqo") + " to read");
 }
 

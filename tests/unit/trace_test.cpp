@@ -16,7 +16,10 @@ using Lines = std::vector<std::string>;
 
 class TraceTest : public rvtest::ProductTest {
   protected:
-    TraceTest() { log = {box.dir("gv_rw_lgc") + "t.lgc", 1, 0, ""}; }
+    void SetUp() override {
+        ProductTest::SetUp();
+        rv::strLog = {box.dir("gv_rw_lgc") + "t.lgc", 1, 0, ""};
+    }
     // The lines without their "hh:mm:ss#" stamp (hour blank-padded), which each must have.
     static Lines unstamp(const Lines& lines) {
         Lines out;
@@ -33,16 +36,16 @@ class TraceTest : public rvtest::ProductTest {
 
 TEST_F(TraceTest, IndentationEchoAndLostLines) {
     const std::string echo = rvtest::capture(2, [&] {
-        rv::WRITE_TRACE(&log, "+++ OUTER %d", 1);
-        log.iVerify = 1;
-        rv::WRITE_TRACE(&log, "detail %s=%d", "n", 7);
-        log.iVerify = 0;
-        rv::WRITE_TRACE(&log, "--- OUTER returns %d", 1);
-        rv::WRITE_TRACE(&log, "%s|", std::string(3000, 'L').c_str());  // no line limit
+        rv::WRITE_TRACE(1, "+++ OUTER %d", 1);
+        rv::strLog.iVerify = 1;
+        rv::WRITE_TRACE(1, "detail %s=%d", "n", 7);
+        rv::strLog.iVerify = 0;
+        rv::WRITE_TRACE(1, "--- OUTER returns %d", 1);
+        rv::WRITE_TRACE(1, "%s|", std::string(3000, 'L').c_str());  // no line limit
         // A trace file that cannot be opened loses the line, but the echo is printed.
-        log.iVerify = 1;
-        log.szFile = box.path("missing/dir/t.lgc");
-        rv::WRITE_TRACE(&log, "lost");
+        rv::strLog.iVerify = 1;
+        rv::strLog.szFile = box.path("missing/dir/t.lgc");
+        rv::WRITE_TRACE(1, "lost");
     });
     EXPECT_EQ(traced("t.lgc"), (Lines{" +++ OUTER 1", "   detail n=7", " --- OUTER returns 1",
                                       " " + std::string(3000, 'L') + "|"}));
@@ -57,7 +60,7 @@ TEST_F(TraceTest, SetLogMainTakesLevelEchoAndLanguage) {
     EXPECT_EQ(rv::log_check("OTHER="), 0);
     box.extra_sections = "[SETUP]\nlang=de\n";
     box.write_rv_ini();
-    rvtest::capture(2, [] { rv::v_set_log_main("rv_db_update.lgc", "RV_DB_UPDATE", &rv::strLog); });
+    rvtest::capture(2, [] { rv::v_set_log_main("rv_db_update.lgc", "RV_DB_UPDATE"); });
     EXPECT_EQ(rv::strLog.szFile, box.dir("gv_rw_lgc") + "rv_db_update.lgc");
     EXPECT_EQ(rv::strLog.iFlg, 2);
     EXPECT_EQ(rv::strLog.iVerify, 1);
@@ -79,26 +82,25 @@ TEST_F(TraceTest, SetLogMainTakesLevelEchoAndLanguage) {
         box.write_debug_ini(*value ? "RV_DB_UPDATE=1\n" : "");
         box.extra_sections = *value ? std::string("[SETUP]\nlang=") + value + "\n" : "";
         box.write_rv_ini();
-        rv::str_log ctx;
-        rv::v_set_log_main("x.lgc", "RV_DB_UPDATE", &ctx);
+        rv::v_set_log_main("x.lgc", "RV_DB_UPDATE");
         EXPECT_EQ(rv::eLang, expected) << value;
     }
     EXPECT_EQ(traced("x.lgc"), Lines{" didn't find key lang in rv.ini > set language to en"});
 }
 
 TEST_F(TraceTest, MissingDirectoriesAreReported) {
+    const std::string file = rv::strLog.szFile;
     box.set_path_key("gv_rw_ini", "");
     EXPECT_EQ(rvtest::capture(2, [] { EXPECT_EQ(rv::log_check("rv_db_update"), 0); }),
               "FATAL: SET_LOG_MAIN: gv_rw_ini not set");
     box.set_path_key("gv_rw_lgc", "");
-    rv::str_log ctx;
     for (const rv::LANGUAGES lang : {rv::LANG_DE, rv::LANG_BA}) {
         rv::eLang = lang;
         EXPECT_EQ(rvtest::capture(
-                      2, [&] { rv::v_set_log_main("rv_db_update.lgc", "RV_DB_UPDATE", &ctx); }),
+                      2, [&] { rv::v_set_log_main("rv_db_update.lgc", "RV_DB_UPDATE"); }),
                   "FATAL: SET_LOG_MAIN: gv_rw_lgc not set");
     }
-    EXPECT_EQ(ctx.szFile, "");
+    EXPECT_EQ(rv::strLog.szFile, file) << "the context stays as it was";
     EXPECT_EQ(rvtest::protocol_texts(prot),
               (Lines{"E003-BASICS  LOG_CHECK > gv_rw_ini not yet existing - please restart RAVIK.",
                      "E003-BASICS  SET_LOG_MAIN > gv_rw_lgc existiert noch nicht - Neustart",

@@ -1,5 +1,5 @@
 // rv_db: the product's export tool. Everything lives in the library.
-#include "db/rv_db_tool.hpp"
+#include "cli/rv_db_cli.hpp"
 
 int main(int argc, char** argv) {
     return rv::rv_db_main(argc, argv);

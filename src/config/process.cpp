@@ -1,4 +1,4 @@
-#include "sys/process.hpp"
+#include "config/process.hpp"
 
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -25,11 +25,6 @@ constexpr int kShellNotFoundCode = 127;
 constexpr int kSignalCodeFirst = 128;
 constexpr int kSignalCodeLast = 160;
 constexpr int kExecFailureBase = 160;
-
-// Control sockets of a remote-control connection; none is ever open here.
-int g_iSd1 = -1;
-int g_iSd2 = -1;
-volatile sig_atomic_t g_iEXITCODE = 0;
 
 
 // Child side: becomes the shell. Only async-signal-safe calls and _exit.
@@ -132,30 +127,5 @@ int start_system(std::string& cpExe) {
     }
     return decode_child_status(child, status, cpExe);
 }
-
-void signal_handler(int signo) {
-    if (signo != SIGURG) {
-        return;
-    }
-    str_log log = local_log();
-    if (log.iFlg > 0) {
-        WRITE_TRACE(&log, "signal_handler: SIGURG received");
-    }
-    const int sd = g_iSd2 >= 0 ? g_iSd2 : g_iSd1;
-    unsigned char byte = 0;
-    if (sd < 0 || recv(sd, &byte, 1, MSG_OOB) != 1) {
-        return;
-    }
-    if (log.iFlg > 0) {
-        if (sd == g_iSd2) {
-            WRITE_TRACE(&log, "signal_handler: OOB signal received on Sd2:%d", byte);
-        } else {
-            WRITE_TRACE(&log, "signal_handler: OOB signal received on Sd1:%d", byte);
-        }
-    }
-    g_iEXITCODE = byte;
-}
-
-int remote_exit_code() { return g_iEXITCODE; }
 
 }  // namespace rv

@@ -1,4 +1,5 @@
-#include "sys/dirwalk.hpp"
+#include "config/dirwalk.hpp"
+#include "log/trace.hpp"
 
 #include <dirent.h>
 #include <fnmatch.h>
@@ -31,29 +32,22 @@ DirWalk& walk() {
 
 // Starts a new walk over "dir/pattern" (the previous walk is closed).
 // False when the directory cannot be opened.
-bool start_walk(std::string_view cpFile, str_log& strTrace) {
+bool start_walk(std::string_view cpFile) {
     DirWalk& w = walk();
     w.dir.reset();
     std::string file(cpFile);
     resolve_glbv(file);
-    if (strTrace.iFlg > 1) {
-        const std::string passed(cpFile);
-        WRITE_TRACE(&strTrace, "+++ iGET_DIR: %s -> %s", passed.c_str(), file.c_str());
-    }
+    WRITE_TRACE(2, "+++ iGET_DIR: %.*s -> %s", static_cast<int>(cpFile.size()), cpFile.data(), file.c_str());
 
     const std::size_t slash = file.rfind('/');
     const std::string dirName = slash == std::string::npos ? std::string("./") : file.substr(0, slash + 1);
     w.pattern = slash == std::string::npos ? file : file.substr(slash + 1);
-    if (strTrace.iFlg > 1) {
-        WRITE_TRACE(&strTrace, "dir name: %s, file name: %s", dirName.c_str(), w.pattern.c_str());
-    }
+    WRITE_TRACE(2, "dir name: %s, file name: %s", dirName.c_str(), w.pattern.c_str());
 
     w.dir.reset(opendir(dirName.c_str()));
     if (!w.dir) {
         const int err = errno;
-        if (strTrace.iFlg > 0) {
-            WRITE_TRACE(&strTrace, "iGET_DIR: Error in opendir( %s ): %s", dirName.c_str(), std::strerror(err));
-        }
+        WRITE_TRACE(1, "iGET_DIR: Error in opendir( %s ): %s", dirName.c_str(), std::strerror(err));
         return false;
     }
     return true;
@@ -63,14 +57,14 @@ bool is_dot_entry(const char* name) { return std::strcmp(name, ".") == 0 || std:
 
 }  // namespace
 
-bool i_GET_DIR(std::string_view cpFile, rv_dirent& pDE, str_log strTrace) {
+bool i_GET_DIR(std::string_view cpFile, rv_dirent& pDE) {
     pDE.d_name.clear();
     if (!cpFile.empty()) {
-        if (!start_walk(cpFile, strTrace)) {
+        if (!start_walk(cpFile)) {
             return false;
         }
-    } else if (strTrace.iFlg > 1) {
-        WRITE_TRACE(&strTrace, "+++ iGET_DIR: find next file");
+    } else {
+        WRITE_TRACE(2, "+++ iGET_DIR: find next file");
     }
 
     DirWalk& w = walk();
@@ -78,21 +72,15 @@ bool i_GET_DIR(std::string_view cpFile, rv_dirent& pDE, str_log strTrace) {
         return false;
     }
     while (const dirent* entry = readdir(w.dir.get())) {
-        if (strTrace.iFlg > 2) {
-            WRITE_TRACE(&strTrace, "check: %s %s", entry->d_name, w.pattern.c_str());
-        }
+        WRITE_TRACE(3, "check: %s %s", entry->d_name, w.pattern.c_str());
         if (is_dot_entry(entry->d_name) || fnmatch(w.pattern.c_str(), entry->d_name, 0) != 0) {
             continue;
         }
-        if (strTrace.iFlg > 1) {
-            WRITE_TRACE(&strTrace, "found valid file >%s<", entry->d_name);
-        }
+        WRITE_TRACE(2, "found valid file >%s<", entry->d_name);
         pDE.d_name = entry->d_name;
         return true;
     }
-    if (strTrace.iFlg > 1) {
-        WRITE_TRACE(&strTrace, "closing( dir_pointer )");
-    }
+    WRITE_TRACE(2, "closing( dir_pointer )");
     w.dir.reset();
     return false;
 }

@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "log/trace.hpp"
 
 namespace rv {
 
@@ -27,11 +26,6 @@ bool file_search(std::string_view cpFile, std::string& cpSearchString);
 // Returns true with the line, line feed included, in `szSl`; false at EOF.
 bool i_SEEK_STRING(std::FILE* fpTest, std::string& szSl, std::string_view cpString1,
                    std::string_view cpString2, char cLogicFlg);
-
-// Deletes `source` (global-variable reference and backslashes resolved).
-// With '*' in the name every match in its directory is deleted and the result
-// is true whatever happened; otherwise true when the file was deleted.
-bool i_FILE_DELETE(std::string_view source, str_log strLog);
 
 // Reports a failed file operation with error `iErrno` on standard error; when
 // the current errno says the file system is full or exhausted (28, 23, 35),

@@ -6,7 +6,6 @@
 #include <string>
 #include <string_view>
 
-#include "log/trace.hpp"
 
 namespace rv {
 
@@ -20,6 +19,6 @@ struct rv_dirent {
 // Later calls: `cpFile` is "". Returns true with `pDE.d_name` set to the next
 // matching entry ("." and ".." never match), false when there is none or the
 // directory cannot be opened. `pDE.d_name` is cleared on every call.
-bool i_GET_DIR(std::string_view cpFile, rv_dirent& pDE, str_log strLog);
+bool i_GET_DIR(std::string_view cpFile, rv_dirent& pDE);
 
 }  // namespace rv

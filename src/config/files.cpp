@@ -1,4 +1,5 @@
-#include "sys/files.hpp"
+#include "config/files.hpp"
+#include "log/trace.hpp"
 
 #include <cerrno>
 #include <cstdlib>
@@ -6,7 +7,7 @@
 #include <memory>
 
 #include "config/glbv.hpp"
-#include "sys/dirwalk.hpp"
+#include "config/dirwalk.hpp"
 #include "sys/file_io.hpp"
 
 namespace rv {
@@ -83,44 +84,6 @@ bool file_search(std::string_view cpFile, std::string& cpSearchString) {
         cpSearchString = line;
     }
     return true;
-}
-
-bool i_FILE_DELETE(std::string_view source, str_log strTrace) {
-    const std::string passed(source);
-    std::string name = passed;
-    resolve_glbv(name);
-    SLASH_HAMMER(name);
-    if (strTrace.iFlg > 0) {
-        WRITE_TRACE(&strTrace, "+++ FILE_DELETE   %s  ->  %s ", passed.c_str(), name.c_str());
-    }
-
-    bool result = true;
-    if (name.find('*') == std::string::npos) {
-        result = std::remove(name.c_str()) == 0;
-    } else {
-        const std::size_t slash = name.rfind('/');
-        // Without a '/' the matches lie in the current directory and are
-        // deleted by their bare names.
-        const std::string dir = slash == std::string::npos ? std::string() : name.substr(0, slash + 1);
-        if (strTrace.iFlg > 1) {
-            WRITE_TRACE(&strTrace, "path= %s ", dir.c_str());
-        }
-        rv_dirent entry;
-        for (bool found = i_GET_DIR(name, entry, strTrace); found; found = i_GET_DIR("", entry, strTrace)) {
-            const std::string victim = dir + entry.d_name;
-            if (strTrace.iFlg > 1) {
-                WRITE_TRACE(&strTrace, "remove %s  %s ", dir.c_str(), entry.d_name.c_str());
-            }
-            if (std::remove(victim.c_str()) != 0 && strTrace.iFlg > 0) {
-                WRITE_TRACE(&strTrace, "could not remove %s", victim.c_str());
-            }
-        }
-    }
-
-    if (strTrace.iFlg > 0) {
-        WRITE_TRACE(&strTrace, "--- FILE_DELETE  returns  %d ", result ? 1 : 0);
-    }
-    return result;
 }
 
 int i_FILE_CLOSE(int iErrno) {

@@ -43,13 +43,4 @@ void report_wait_failure(const ShellChild& child, int err, std::string& cpExe);
 // abnormal end and returns the child's exit code.
 int decode_child_status(const ShellChild& child, int status, std::string& cpExe);
 
-// Handler of out-of-band data on the product's remote-control connection:
-// on SIGURG it takes one byte from the open control socket as the remote
-// command's exit code. This tool opens no such connection and installs no
-// handler; the function exists for the product's library.
-void signal_handler(int signo);
-
-// Exit code received by signal_handler (0 until one arrives).
-int remote_exit_code();
-
 }  // namespace rv

@@ -1,4 +1,4 @@
-#include "db/rv_db_tool.hpp"
+#include "cli/rv_db_cli.hpp"
 
 #include <cstdio>
 #include <cstdlib>
@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "config/environment.hpp"
+#include "config/log_setup.hpp"
 #include "db/access.hpp"
 #include "log/trace.hpp"
 
@@ -65,7 +66,7 @@ int rv_db_main(int argc, char** argv) {
     // Standard output carries the answer (an export file, as a rule): the
     // environment set-up reports on standard error instead.
     set_environment_report(stderr);
-    v_set_log_main("rv_db.lgc", "RV_DB", &strLog);
+    v_set_log_main("rv_db.lgc", "RV_DB");
     if (level >= 0) {
         strLog.iFlg = level;
         strLog.iVerify = 1;
@@ -74,7 +75,7 @@ int rv_db_main(int argc, char** argv) {
     std::string msg = bExport ? "export" : "";
     DB_REC_LIS list;
     list.szId = "rv_db";
-    if (!iDB_ACCESS(*statement, msg, &list, strLog)) {
+    if (!iDB_ACCESS(*statement, msg, &list)) {
         if (msg.empty() || msg == "export") {
             std::fprintf(stderr, "rv_db: the statement failed (reason above): %s\n",
                          statement->c_str());
@@ -85,7 +86,7 @@ int rv_db_main(int argc, char** argv) {
     }
 
     std::string cleaned = *statement;
-    SQL_LOWERCASE(cleaned, strLog);
+    SQL_LOWERCASE(cleaned);
     switch (sql_form(cleaned, bExport)) {
         case SqlForm::export_text:
             break;  // already written
