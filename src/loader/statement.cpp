@@ -123,6 +123,52 @@ bool starts_with_keyword(std::string_view s, std::string_view word) {
     return scan.keyword(word);
 }
 
+// "(<col>,...)" into `form.columns`; false when the list is not that.
+bool take_columns(Scanner& scan, InsertForm& form) {
+    if (!scan.take('(')) {
+        return false;
+    }
+    do {
+        scan.blanks();
+        const auto column = scan.name(false);
+        if (!column) {
+            return false;
+        }
+        form.columns.push_back(*column);
+        scan.blanks();
+    } while (scan.take(','));
+    return scan.take(')');
+}
+
+// "VALUES (<v>,...)" into `form.values`; false when a value is neither a
+// quoted literal without a NUL byte nor NULL, or the list is malformed.
+bool take_values(Scanner& scan, InsertForm& form) {
+    scan.blanks();
+    if (!scan.keyword("VALUES")) {
+        return false;
+    }
+    scan.blanks();
+    if (!scan.take('(')) {
+        return false;
+    }
+    do {
+        scan.blanks();
+        if (scan.peek() == '\'') {
+            auto value = scan.quoted();
+            if (!value || value->find('\0') != std::string::npos) {
+                return false;
+            }
+            form.values.emplace_back(std::move(*value));
+        } else if (scan.keyword("NULL")) {
+            form.values.emplace_back(std::nullopt);
+        } else {
+            return false;
+        }
+        scan.blanks();
+    } while (scan.take(','));
+    return scan.take(')');
+}
+
 }  // namespace
 
 std::optional<InsertForm> parse_insert(std::string_view line) {
@@ -142,45 +188,7 @@ std::optional<InsertForm> parse_insert(std::string_view line) {
     }
     form.table = *table;
     scan.blanks();
-    if (!scan.take('(')) {
-        return std::nullopt;
-    }
-    do {
-        scan.blanks();
-        const auto column = scan.name(false);
-        if (!column) {
-            return std::nullopt;
-        }
-        form.columns.push_back(*column);
-        scan.blanks();
-    } while (scan.take(','));
-    if (!scan.take(')')) {
-        return std::nullopt;
-    }
-    scan.blanks();
-    if (!scan.keyword("VALUES")) {
-        return std::nullopt;
-    }
-    scan.blanks();
-    if (!scan.take('(')) {
-        return std::nullopt;
-    }
-    do {
-        scan.blanks();
-        if (scan.peek() == '\'') {
-            auto value = scan.quoted();
-            if (!value || value->find('\0') != std::string::npos) {
-                return std::nullopt;
-            }
-            form.values.emplace_back(std::move(*value));
-        } else if (scan.keyword("NULL")) {
-            form.values.emplace_back(std::nullopt);
-        } else {
-            return std::nullopt;
-        }
-        scan.blanks();
-    } while (scan.take(','));
-    if (!scan.take(')')) {
+    if (!take_columns(scan, form) || !take_values(scan, form)) {
         return std::nullopt;
     }
     scan.blanks();
