@@ -685,9 +685,6 @@ void summary(std::FILE* out, std::size_t succeeded, std::size_t failed, bool sto
     std::fflush(out);
 }
 
-constexpr const char* kUsage =
-    "usage: oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT]\n";
-
 }  // namespace
 
 int run_loader(const LoaderOptions& options, std::FILE* out, std::FILE* err) {
@@ -711,34 +708,6 @@ int run_loader(const LoaderOptions& options, std::FILE* out, std::FILE* err) {
     }
     summary(out, loader.succeeded(), loader.failed(), false);
     return loader.failed() == 0 ? kLoaderAllDone : kLoaderSomeFailed;
-}
-
-int oaisql_main(int argc, char** argv) {
-    LoaderOptions options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view arg = argv[i];
-        if (arg == "-c" && i + 1 < argc) {
-            options.file = argv[++i];
-        } else if (arg == "-e") {
-            options.echo_statement = true;
-        } else if ((arg == "-b" || arg == "-g") && i + 1 < argc) {
-            char* end = nullptr;
-            const unsigned long long n = std::strtoull(argv[++i], &end, 10);
-            if (end == argv[i] || *end != '\0' || n == 0) {
-                std::fputs(kUsage, stderr);
-                return kLoaderStopped;
-            }
-            (arg == "-b" ? options.batch : options.group) = static_cast<std::size_t>(n);
-        } else {
-            std::fputs(kUsage, stderr);
-            return kLoaderStopped;
-        }
-    }
-    if (options.file.empty()) {
-        std::fputs(kUsage, stderr);
-        return kLoaderStopped;
-    }
-    return run_loader(options, stdout, stderr);
 }
 
 }  // namespace rv

@@ -34,7 +34,4 @@ struct LoaderOptions {
 // the reason of a stop to `err`. Returns one of the exit statuses above.
 int run_loader(const LoaderOptions& options, std::FILE* out, std::FILE* err);
 
-// The command line "oaisql -c FILE [-e]"; returns the exit status.
-int oaisql_main(int argc, char** argv);
-
 }  // namespace rv
