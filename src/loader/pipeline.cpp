@@ -1,0 +1,201 @@
+// The batch executor: segments sent through the pipeline, their answers
+// read, and the replay that makes a failing statement fail alone.
+#include "loader/pipeline.hpp"
+
+#include <algorithm>
+
+#include "loader/session.hpp"
+
+namespace rv {
+
+namespace {
+
+bool has_backslash(const std::vector<std::optional<std::string>>& values) {
+    return std::any_of(values.begin(), values.end(), [](const std::optional<std::string>& v) {
+        return v && v->find('\\') != std::string::npos;
+    });
+}
+
+}  // namespace
+
+void Pipeline::start(const std::vector<Statement>& batch) {
+    single_rows_.clear();
+    send_segment(batch, 0, std::min(batch.size(), window_), false);
+}
+
+bool Pipeline::takes_parameters(const Statement& statement) const {
+    return statement.kind == ScriptLineKind::Insert && statement.values.size() <= kMaxParams &&
+           (session_.scs_on() || !has_backslash(statement.values));
+}
+
+int Pipeline::group_at(const std::vector<Statement>& batch, std::size_t i, std::size_t hi) const {
+    const Statement& first = batch[i];
+    if (!takes_parameters(first) || shapes_[first.prepared].group < 0) {
+        return -1;
+    }
+    const int group = shapes_[first.prepared].group;
+    const std::size_t rows = shapes_.group_rows(shapes_[first.prepared].params);
+    if (hi - i < rows) {
+        return -1;
+    }
+    for (const auto& [from, to] : single_rows_) {
+        if (i < to && from < i + rows) {
+            return -1;
+        }
+    }
+    for (std::size_t j = i + 1; j < i + rows; ++j) {
+        if (batch[j].prepared != first.prepared || !takes_parameters(batch[j])) {
+            return -1;
+        }
+    }
+    return group;
+}
+
+void Pipeline::prepare(int index, std::size_t first, std::size_t rows, std::vector<Sent>& sent) {
+    PreparedInsert& shape = shapes_[index];
+    if (shape.ready || shape.parse_segment == segment_) {
+        return;
+    }
+    shape.name =
+        "oaisql_" + std::to_string(shapes_.generation()) + "_" + std::to_string(index);
+    if (PQsendPrepare(session_.get(), shape.name.c_str(), shape.sql.c_str(), shape.params,
+                      nullptr) == 0) {
+        session_.lost();
+    }
+    shape.parse_segment = segment_;
+    sent.push_back({first, rows, index});
+}
+
+int Pipeline::send_prepared(const std::vector<Statement>& batch, std::size_t first,
+                            std::size_t rows, int index, std::vector<Sent>& sent) {
+    prepare(index, first, rows, sent);
+    const PreparedInsert& shape = shapes_[index];
+    params_.clear();
+    for (std::size_t row = first; row < first + rows; ++row) {
+        for (const auto& value : batch[row].values) {
+            params_.push_back(value ? value->c_str() : nullptr);
+        }
+    }
+    return PQsendQueryPrepared(session_.get(), shape.name.c_str(), shape.params, params_.data(),
+                               nullptr, nullptr, 0);
+}
+
+void Pipeline::send_segment(const std::vector<Statement>& batch, std::size_t lo, std::size_t hi,
+                            bool literal) {
+    ++segment_;
+    Segment segment{lo, hi, {}};
+    PGconn* conn = session_.get();
+    for (std::size_t i = lo; i < hi;) {
+        const Statement& statement = batch[i];
+        const int group = literal ? -1 : group_at(batch, i, hi);
+        std::size_t rows = 1;
+        int ok = 0;
+        if (!literal && (group >= 0 || takes_parameters(statement))) {
+            const int index = group >= 0 ? group : statement.prepared;
+            rows = group >= 0 ? shapes_.group_rows(shapes_[statement.prepared].params) : 1;
+            ok = send_prepared(batch, i, rows, index, segment.sent);
+        } else {
+            ok = PQsendQueryParams(conn, statement.text.c_str(), 0, nullptr, nullptr, nullptr,
+                                   nullptr, 0);
+        }
+        if (ok == 0) {
+            session_.lost();
+        }
+        segment.sent.push_back({i, rows, -1});
+        i += rows;
+    }
+    if (PQpipelineSync(conn) == 0) {
+        session_.lost();
+    }
+    session_.flush_all();
+    in_flight_.push_back(std::move(segment));
+}
+
+void Pipeline::collect_one(const Sent& item, std::optional<Failure>& failure) {
+    PGconn* conn = session_.get();
+    const Result result(PQgetResult(conn));
+    if (!result) {
+        session_.lost();
+    }
+    const ExecStatusType status = PQresultStatus(result.get());
+    if (status == PGRES_FATAL_ERROR || status == PGRES_NONFATAL_ERROR ||
+        status == PGRES_BAD_RESPONSE) {
+        if (PQstatus(conn) == CONNECTION_BAD) {
+            session_.lost();
+        }
+        if (!failure) {
+            failure = Failure{item.index, item.rows, error_text(result.get())};
+        }
+    } else if (status != PGRES_PIPELINE_ABORTED && item.parse >= 0) {
+        shapes_[item.parse].ready = true;
+    }
+    if (Result(PQgetResult(conn))) {
+        throw Stop("unexpected answer from database " + session_.database());
+    }
+}
+
+std::optional<Pipeline::Failure> Pipeline::collect_segment() {
+    const Segment segment = std::move(in_flight_.front());
+    in_flight_.pop_front();
+    std::optional<Failure> failure;
+    for (const Sent& item : segment.sent) {
+        collect_one(item, failure);
+    }
+    const Result sync(PQgetResult(session_.get()));
+    if (!sync || PQresultStatus(sync.get()) != PGRES_PIPELINE_SYNC) {
+        session_.lost();
+    }
+    return failure;
+}
+
+void Pipeline::run_range(const std::vector<Statement>& batch, std::size_t lo, std::size_t hi) {
+    while (lo < hi) {
+        if (in_flight_.empty()) {
+            send_segment(batch, lo, std::min(hi, lo + window_), false);
+        }
+        const std::size_t end = in_flight_.front().hi;
+        const std::optional<Failure> failure = collect_segment();
+        if (!failure) {
+            outcome_.add_succeeded(end - lo);
+            window_ = std::min(batch_, window_ + std::max<std::size_t>(1, window_ / 4));
+            lo = end;
+            continue;
+        }
+        if (failure->rows > 1) {
+            // Which row of the group failed is not known: the same
+            // segment again, those rows one by one.
+            single_rows_.emplace_back(failure->index, failure->index + failure->rows);
+            continue;
+        }
+        // A failure costs the work of its segment so far: where they
+        // come often, segments get shorter.
+        window_ = std::max<std::size_t>(1, window_ / 2);
+        lo = isolate(batch, lo, hi, *failure);
+    }
+}
+
+std::size_t Pipeline::isolate(const std::vector<Statement>& batch, std::size_t lo,
+                              std::size_t hi, const Failure& failure) {
+    const std::size_t k = failure.index;
+    if (k == lo) {
+        // First of its transaction: the failure is its own.
+        outcome_.report(batch[k], failure.message);
+        return k + 1;
+    }
+    // [lo, k) was rolled back with it: commit it again, then run the
+    // failing statement alone so that it reports by itself; what follows
+    // need not wait for that answer.
+    run_range(batch, lo, k);
+    send_segment(batch, k, k + 1, true);
+    if (k + 1 < hi) {
+        send_segment(batch, k + 1, std::min(hi, k + 1 + window_), false);
+    }
+    if (const std::optional<Failure> alone = collect_segment()) {
+        outcome_.report(batch[k], alone->message);
+    } else {
+        outcome_.add_succeeded(1);
+    }
+    return k + 1;
+}
+
+}  // namespace rv

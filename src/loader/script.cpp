@@ -1,0 +1,86 @@
+// Reading the script: lines through getline, statements through the line
+// classifier, and the grouping of statements into units.
+#include "loader/script.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+namespace rv {
+
+bool ScriptReader::next(std::string_view& line, std::size_t& number) {
+    char* raw = buffer_.release();
+    errno = 0;
+    const ssize_t got = ::getline(&raw, &capacity_, file_.get());
+    buffer_.reset(raw);
+    if (got < 0) {
+        if (std::ferror(file_.get())) {
+            error_ = errno != 0 ? errno : EIO;
+        }
+        return false;
+    }
+    line = std::string_view(raw, static_cast<std::size_t>(got));
+    if (!line.empty() && line.back() == '\n') {
+        line.remove_suffix(1);
+    }
+    number = ++number_;
+    return true;
+}
+
+// The next line that is not skipped, as a statement.
+std::optional<Statement> UnitReader::read_statement() {
+    std::string_view line;
+    std::size_t number = 0;
+    while (reader_.next(line, number)) {
+        ScriptLine parsed = classify_line(line);
+        if (parsed.kind == ScriptLineKind::Skip) {
+            continue;
+        }
+        Statement statement;
+        statement.line = number;
+        statement.kind = parsed.kind;
+        statement.text = std::string(parsed.text);
+        if (parsed.kind == ScriptLineKind::Insert) {
+            statement.prepared = shapes_.index_of(parsed.insert);
+            statement.values = std::move(parsed.insert.values);
+        }
+        return statement;
+    }
+    return std::nullopt;
+}
+
+Unit UnitReader::next() {
+    Unit unit;
+    std::optional<Statement> first = std::exchange(pending_, std::nullopt);
+    if (!first) {
+        first = read_statement();
+    }
+    if (!first) {
+        return unit;
+    }
+    if (first->kind == ScriptLineKind::Connect) {
+        unit.kind = Unit::Kind::Connect;
+        unit.database = std::move(first->text);
+        return unit;
+    }
+    unit.statements.push_back(std::move(*first));
+    if (unit.statements.front().kind == ScriptLineKind::Alone) {
+        unit.kind = Unit::Kind::Alone;
+        return unit;
+    }
+    unit.kind = Unit::Kind::Batch;
+    while (unit.statements.size() < batch_) {
+        std::optional<Statement> more = read_statement();
+        if (!more) {
+            break;
+        }
+        if (more->kind != ScriptLineKind::Insert && more->kind != ScriptLineKind::Pipelined) {
+            pending_ = std::move(more);
+            break;
+        }
+        unit.statements.push_back(std::move(*more));
+    }
+    return unit;
+}
+
+}  // namespace rv

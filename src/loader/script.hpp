@@ -1,0 +1,87 @@
+// Reading the script: its lines (of any length, bytes as they stand), the
+// statements they hold, and the units the loader runs one after the other:
+// a database switch, a statement that runs alone, or a batch of INSERT,
+// UPDATE and DELETE statements.
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "loader/insert_shapes.hpp"
+#include "loader/statement.hpp"
+#include "sys/file_io.hpp"
+
+namespace rv {
+
+// One line of the script that does something: a statement, or (kind
+// Connect) a database to switch to, named in `text`.
+struct Statement {
+    std::size_t line = 0;
+    ScriptLineKind kind = ScriptLineKind::Pipelined;
+    std::string text;
+    int prepared = -1;  // kind Insert: index of its prepared statement
+    std::vector<std::optional<std::string>> values;
+};
+
+// What the executor takes next from the script.
+struct Unit {
+    enum class Kind { End, Connect, Alone, Batch } kind = Kind::End;
+    std::vector<Statement> statements;  // Alone: exactly one
+    std::string database;               // Connect
+};
+
+// The script, line by line.
+class ScriptReader {
+  public:
+    // Takes over the open script `file`.
+    explicit ScriptReader(FilePtr file) : file_(std::move(file)) {}
+
+    // Next line (without its line end) and its number; false at the end of
+    // the script or on a read error (see error()). `line` stays valid until
+    // the next call.
+    bool next(std::string_view& line, std::size_t& number);
+
+    // The errno of a failed read, 0 when there was none.
+    int error() const { return error_; }
+
+  private:
+    struct MallocFree {
+        void operator()(char* p) const { std::free(p); }
+    };
+
+    FilePtr file_;
+    std::unique_ptr<char, MallocFree> buffer_;
+    std::size_t capacity_ = 0;
+    std::size_t number_ = 0;
+    int error_ = 0;
+};
+
+// Groups the statements of the script into units.
+class UnitReader {
+  public:
+    // Reads the open script `file`; batches hold at most `batch` (>= 1)
+    // statements, INSERT shapes are registered in `shapes`.
+    UnitReader(FilePtr file, std::size_t batch, InsertShapes& shapes)
+        : reader_(std::move(file)), batch_(batch), shapes_(shapes) {}
+
+    // The next unit; kind End at the end of the script or on a read error.
+    Unit next();
+
+    // The errno of a failed read, 0 when there was none.
+    int error() const { return reader_.error(); }
+
+  private:
+    std::optional<Statement> read_statement();
+
+    ScriptReader reader_;
+    std::size_t batch_;
+    InsertShapes& shapes_;
+    std::optional<Statement> pending_;  // read, but the start of the next unit
+};
+
+}  // namespace rv

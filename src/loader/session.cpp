@@ -1,0 +1,153 @@
+// The connection to the server: opening it, the durable commit, statements
+// run alone, and the flushing that pipeline mode needs.
+#include "loader/session.hpp"
+
+#include <poll.h>
+
+#include <array>
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+#include "loader/statement.hpp"
+
+namespace rv {
+
+namespace {
+
+// Notices and warnings are not failures and must not look like them.
+void ignore_notice(void* /*arg*/, const char* /*message*/) {}
+
+// Runs `sql` on `conn` outside pipeline mode; true when it succeeded.
+bool command(PGconn* conn, const char* sql) {
+    const Result result(PQexec(conn, sql));
+    const ExecStatusType status = PQresultStatus(result.get());
+    return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
+}
+
+bool is_failure(ExecStatusType status) {
+    return status == PGRES_FATAL_ERROR || status == PGRES_NONFATAL_ERROR ||
+           status == PGRES_BAD_RESPONSE;
+}
+
+}  // namespace
+
+std::string error_text(const PGresult* result) {
+    const char* primary = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
+    std::string text;
+    if (primary != nullptr) {
+        text = primary;
+        if (const char* detail = PQresultErrorField(result, PG_DIAG_MESSAGE_DETAIL)) {
+            text += " (" + std::string(detail) + ")";
+        }
+    } else {
+        text = PQresultErrorMessage(result);
+    }
+    text = one_line(text);
+    return text.empty() ? "the statement failed without a message" : text;
+}
+
+void Session::open(const std::string& database) {
+    const std::array<const char*, 3> keys{"dbname", "fallback_application_name", nullptr};
+    const std::array<const char*, 3> values{database.c_str(), "oaisql", nullptr};
+    Connection conn(PQconnectdbParams(keys.data(), values.data(), 0));
+    if (!conn || PQstatus(conn.get()) != CONNECTION_OK) {
+        throw Stop("cannot connect to database " + database + ": " +
+                   (conn ? one_line(PQerrorMessage(conn.get())) : std::string("out of memory")));
+    }
+    PQsetNoticeProcessor(conn.get(), ignore_notice, nullptr);
+    const char* scs = PQparameterStatus(conn.get(), "standard_conforming_strings");
+    scs_on_ = scs != nullptr && std::string_view(scs) == "on";
+    if (!command(conn.get(), "SET synchronous_commit = off") ||
+        PQsetnonblocking(conn.get(), 1) != 0 || PQenterPipelineMode(conn.get()) != 1) {
+        throw Stop("cannot prepare the connection to database " + database + ": " +
+                   one_line(PQerrorMessage(conn.get())));
+    }
+    conn_ = std::move(conn);
+    database_ = database;
+}
+
+void Session::make_durable() {
+    PGconn* conn = conn_.get();
+    if (PQexitPipelineMode(conn) != 1 || !command(conn, "RESET synchronous_commit") ||
+        !command(conn, "SELECT txid_current()") ||
+        !command(conn, "SET synchronous_commit = off") || PQenterPipelineMode(conn) != 1) {
+        if (PQstatus(conn) == CONNECTION_BAD) {
+            lost();
+        }
+        throw Stop("cannot make the loaded rows durable in database " + database_ + ": " +
+                   one_line(PQerrorMessage(conn)));
+    }
+}
+
+std::optional<std::string> Session::run_simple(const std::string& sql) {
+    PGconn* conn = conn_.get();
+    if (PQexitPipelineMode(conn) != 1 || PQsendQuery(conn, sql.c_str()) == 0) {
+        lost();
+    }
+    flush_all();
+    std::optional<std::string> error;
+    while (const Result result{PQgetResult(conn)}) {
+        if (is_failure(PQresultStatus(result.get()))) {
+            if (!error) {
+                error = error_text(result.get());
+            }
+        } else {
+            drain(result.get());
+        }
+    }
+    if (PQstatus(conn) == CONNECTION_BAD || PQenterPipelineMode(conn) != 1) {
+        lost();
+    }
+    return error;
+}
+
+// Ends a COPY that `result` started: the loader feeds none and takes none.
+void Session::drain(const PGresult* result) {
+    PGconn* conn = conn_.get();
+    const ExecStatusType status = PQresultStatus(result);
+    if (status == PGRES_COPY_IN) {
+        int queued = 0;
+        while ((queued = PQputCopyEnd(conn, "oaisql feeds no COPY data")) == 0) {
+            flush_all();
+        }
+        if (queued < 0) {
+            lost();
+        }
+        flush_all();
+    } else if (status == PGRES_COPY_OUT) {
+        char* data = nullptr;
+        while (PQgetCopyData(conn, &data, 0) > 0) {
+            PQfreemem(data);
+        }
+    }
+}
+
+void Session::flush_all() {
+    for (;;) {
+        const int pending = PQflush(conn_.get());
+        if (pending == 0) {
+            return;
+        }
+        if (pending < 0) {
+            lost();
+        }
+        pollfd fd{PQsocket(conn_.get()), POLLIN | POLLOUT, 0};
+        if (::poll(&fd, 1, -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            lost();
+        }
+        if ((fd.revents & POLLIN) != 0 && PQconsumeInput(conn_.get()) == 0) {
+            lost();
+        }
+    }
+}
+
+void Session::lost() const {
+    throw Stop("lost the connection to database " + database_ + ": " +
+               one_line(PQerrorMessage(conn_.get())));
+}
+
+}  // namespace rv
