@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "config/log_setup.hpp"
+#include "config/process.hpp"
 #include "config/product.hpp"
 #include "db/exec_statement.hpp"
 #include "log/finish.hpp"
@@ -56,7 +57,8 @@ void run_archive_command(const std::string& cmd) {
     // path cannot be taken for a conversion.
     std::fputs(cmd.c_str(), stdout);
     std::fflush(stdout);
-    [[maybe_unused]] int status = std::system(cmd.c_str());
+    std::string run = cmd;
+    start_system(run);
 }
 
 int cmd_update(int argc, char** argv) {

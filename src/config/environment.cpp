@@ -1,6 +1,3 @@
-// For now only the description of the parent process lives here; the rest of
-// the product environment set-up (PATH, PGPORT, OPENRDA_INI, LD_LIBRARY_PATH)
-// arrives together with the environment check.
 #include "config/environment.hpp"
 
 #include <unistd.h>
@@ -13,7 +10,7 @@
 
 #include "log/prot.hpp"
 #include "log/trace.hpp"
-#include "sys/file_io.hpp"
+#include "sys/runner.hpp"
 
 namespace rv {
 
@@ -36,28 +33,21 @@ bool get_parent_info(std::string& cpInfo) {
     const std::string command =
         std::string(kProcessList) + " | tr -s ' ' | grep -v grep | grep -w " + std::to_string(ppid);
 
-    PipePtr pipe(popen(command.c_str(), "r"));
-    if (!pipe) {
-        const std::string reason = std::strerror(errno);
+    std::string line;
+    ChildCommand probe{command, [&line](const std::string& text) {
+                           if (line.empty()) {
+                               line = text.substr(0, kParentLineMax);
+                           }
+                       }, nullptr, false};
+    const ChildEnd end = child_runner().run(probe);
+    if (end.how == ChildEnd::How::not_started) {
+        const std::string reason = std::strerror(end.error);
         std::fprintf(stderr, "popen failed for %s\n", command.c_str());
         prot_command_failed(command, reason);
         return false;
     }
-
-    std::string line;
-    while (line.size() < kParentLineMax) {
-        const int c = std::getc(pipe.get());
-        if (c == EOF) {
-            break;
-        }
-        line.push_back(static_cast<char>(c));
-        if (c == '\n') {
-            break;
-        }
-    }
-    pipe.reset();
-    if (!line.empty()) {
-        line.pop_back();  // the line feed
+    if (!line.empty() && line.back() == '\n') {
+        line.pop_back();
     }
 
     const std::string command_line =

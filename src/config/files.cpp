@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "config/glbv.hpp"
+#include "config/process.hpp"
 #include "config/dirwalk.hpp"
 #include "sys/file_io.hpp"
 
@@ -94,8 +95,10 @@ int i_FILE_CLOSE(int iErrno) {
     if (current == ENOSPC || current == ENFILE || current == EDEADLK) {
         const std::string text = std::strerror(current);
         const std::string alarm = "rv_alarm FILE_SYSTEM \"" + text + "\"";
-        [[maybe_unused]] int rc = std::system(alarm.c_str());
-        rc = std::system("rv_os_startup STOP");
+        std::string run = alarm;
+        start_system(run);
+        run = "rv_os_startup STOP";
+        start_system(run);
         std::fprintf(stderr, "\n\nSHUTDOWN ravik2000 - problems with file system (%s) \n\n", text.c_str());
     }
     return 0;

@@ -11,6 +11,7 @@
 #include "config/glbv.hpp"
 #include "config/ini.hpp"
 #include "log/trace.hpp"
+#include "sys/runner.hpp"
 #include "sys/file_io.hpp"
 
 namespace rv {
@@ -104,7 +105,10 @@ ProtFile prot_file_from_glbv(std::string& path) {
     return ProtFile::failed;
 }
 
-void install_product_services() { set_prot_file_resolver(prot_file_from_glbv); }
+void install_product_services() {
+    set_prot_file_resolver(prot_file_from_glbv);
+    set_child_environment(i_setenv_ravik);
+}
 
 int log_check(std::string_view cpInput) {
     std::string key(cpInput);

@@ -10,8 +10,9 @@
 
 namespace rv {
 
-// Installs the resolvers the lower layers ask for product settings: the
-// protocol file from the global variable gv_prot. Idempotent.
+// Installs what the lower layers ask the product for: the protocol file
+// (from the global variable gv_prot) and the environment of every child
+// (i_setenv_ravik). Idempotent.
 void install_product_services();
 
 // Sets up `strLog`: trace file <gv_rw_lgc><cpKeyFile>, level from the line

@@ -1,13 +1,13 @@
-// Runs one shell command line as a child process ("/bin/sh -c"), after
-// preparing the product environment for it, and decodes how it ended. The
-// child inherits the tool's standard output and error; redirections belong
-// in the command line. One child at a time; the call waits for it.
+// Runs the product's shell command lines through the child runner, with the
+// product environment prepared, and reports how a child ended abnormally the
+// way the product does: a standard-error line, a protocol line (E008), and
+// the reason in the caller's text.
 #pragma once
-
-#include <sys/types.h>
 
 #include <cstddef>
 #include <string>
+
+#include "sys/runner.hpp"
 
 namespace rv {
 
@@ -15,32 +15,20 @@ namespace rv {
 inline constexpr std::size_t kStartSystemPrefixMax = 1023;
 // Returned when the environment for the child could not be prepared.
 inline constexpr int kStartSystemNoEnvironment = 999;
+// Returned when no child could be made or waited for.
+inline constexpr int kStartSystemNoChild = 127;
 
-// Runs `cpExe` and returns the child's exit code (0..255), or
-// kStartSystemNoEnvironment. Every abnormal end (shell not found, command not
-// found, killed by a signal) gives one standard-error line, one protocol-log
-// line and replaces `cpExe` by the error text. When no child process can be
-// created the tool ends with exit status 1.
+// Runs `cpExe` and returns the child's exit code (0..255),
+// kStartSystemNoEnvironment or kStartSystemNoChild. Every abnormal end
+// (shell not found, command not found, killed by a signal, no child) gives
+// one standard-error line, one protocol-log line and replaces `cpExe` by
+// the error text.
 int start_system(std::string& cpExe);
 
-// A started shell child, for callers that wait for it themselves (the
-// psql dump waits in a frame that a quit signal may jump out of).
-struct ShellChild {
-    pid_t pid = -1;
-    std::string command;  // the command line as started
-    std::string prefix;   // "start_system: <command>", cut to kStartSystemPrefixMax
-};
-
-// First half of start_system: prepares the environment for `cpExe` and starts
-// "/bin/sh -c <cpExe>". Returns false (after printing the reason) when the
-// environment could not be prepared; ends the tool when no child can be made.
-bool spawn_shell(const std::string& cpExe, ShellChild& child);
-
-// Reports a failed wait for `child` (standard error, protocol log, `cpExe`).
-void report_wait_failure(const ShellChild& child, int err, std::string& cpExe);
-
-// Second half of start_system: decodes the wait status of `child`, reports an
-// abnormal end and returns the child's exit code.
-int decode_child_status(const ShellChild& child, int status, std::string& cpExe);
+// Runs `command` as start_system does, for callers that need the runner's
+// options (lines of output, a quit signal that breaks the wait off).
+// `cpExe` is the text named in reports; an abnormal end replaces it by the
+// error text. Returns how the child ended.
+ChildEnd run_reported(const ChildCommand& command, std::string& cpExe);
 
 }  // namespace rv

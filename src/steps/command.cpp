@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "config/glbv.hpp"
+#include "config/process.hpp"
 #include "config/product.hpp"
 #include "log/finish.hpp"
 #include "log/trace.hpp"
@@ -105,12 +106,11 @@ std::string build_command_line(std::string_view cpString) {
     return cmd;
 }
 
-int iCmdExecute(std::string_view cpString) {
+void iCmdExecute(std::string_view cpString) {
     const std::string cmd = build_command_line(cpString);
     WRITE_TRACE(1, "iCmdExecute = %s", cmd.c_str());
-    std::fflush(nullptr);
-    [[maybe_unused]] const int status = std::system(cmd.c_str());
-    return 1;
+    std::string run = cmd;
+    start_system(run);
 }
 
 std::string rmdir_command(std::string_view cpString) {
@@ -125,18 +125,17 @@ std::string rmdir_command(std::string_view cpString) {
     return cmd;
 }
 
-int iRmDir(std::string_view cpString) {
+void iRmDir(std::string_view cpString) {
     const std::string cmd = rmdir_command(cpString);
     if (cmd.size() > kRmDirCommandMax) {
         std::printf("iRmDir: command longer than %zu characters, nothing removed: %s\n", kRmDirCommandMax,
                     cmd.c_str());
         WRITE_TRACE(1, "iRmDir: command too long, nothing removed: %s", cmd.c_str());
-        return 1;
+        return;
     }
     WRITE_TRACE(1, "iRmDir: %s", cmd.c_str());
-    std::fflush(nullptr);
-    [[maybe_unused]] const int status = std::system(cmd.c_str());
-    return 1;
+    std::string run = cmd;
+    start_system(run);
 }
 
 }  // namespace rv

@@ -22,14 +22,15 @@ std::string rewrite_command_word(std::string_view word);
 // holds no word.
 std::string build_command_line(std::string_view cpString);
 
-// Runs the cmd step `cpString` through the shell. Returns 1.
-int iCmdExecute(std::string_view cpString);
+// Runs the cmd step `cpString` through the shell; its status is not judged
+// (an abnormal end is reported).
+void iCmdExecute(std::string_view cpString);
 
 // The removal command for `cpString` (key:rest resolved): "rm -rf <dir>",
 // or "del /s /f <dir>" with every '/' turned into '\\' off Unix.
 std::string rmdir_command(std::string_view cpString);
 
-// Removes the directory `cpString` through the shell. Returns 1.
-int iRmDir(std::string_view cpString);
+// Removes the directory `cpString` through the shell.
+void iRmDir(std::string_view cpString);
 
 }  // namespace rv

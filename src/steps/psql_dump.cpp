@@ -1,12 +1,8 @@
 #include "steps/psql_dump.hpp"
 #include "log/trace.hpp"
 
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <csetjmp>
-#include <csignal>
 #include <cstdio>
 #include <memory>
 #include <vector>
@@ -49,56 +45,20 @@ bool parse_footer(const std::string& line, long& count) {
     return std::string_view(tail) == "rows" || (std::string_view(tail) == "row" && count == 1);
 }
 
-// Waits for the client. A quit signal makes signal_db_handler jump back
-// into this frame from inside waitpid; nothing here has a destructor, so
-// nothing is skipped by the jump. Returns kSignalJumpValue when broken off.
-int wait_for_client(pid_t pid, int* status) {
-    if (sigsetjmp(gSigenv, giSaveSignal) == kSignalJumpValue) {
-        // The handler ran with the quit signal blocked and did not return.
-        sigset_t quit;
-        sigemptyset(&quit);
-        sigaddset(&quit, SIGQUIT);
-        sigprocmask(SIG_UNBLOCK, &quit, nullptr);
-        std::signal(SIGQUIT, SIG_DFL);
-        return kSignalJumpValue;
-    }
-    struct sigaction action {};
-    action.sa_handler = signal_db_handler;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGQUIT, &action, nullptr);
-    int r;
-    while ((r = waitpid(pid, status, 0)) < 0 && errno == EINTR) {
-    }
-    std::signal(SIGQUIT, SIG_DFL);
-    return r;
-}
-
 enum class RunResult { finished, interrupted, refused };
 
 // Runs the client command line `cmd`; when `interruptible`, a quit signal
-// breaks the wait off (the client is then stopped and reaped).
+// breaks the wait off (the client, with everything it started, is stopped).
 RunResult run_client(std::string cmd, bool interruptible) {
-    if (!interruptible) {
-        return start_system(cmd) == kStartSystemNoEnvironment ? RunResult::refused : RunResult::finished;
+    const ChildEnd end = run_reported({cmd, {}, interruptible ? kSigquitText : nullptr, true}, cmd);
+    switch (end.how) {
+        case ChildEnd::How::interrupted:
+            return RunResult::interrupted;
+        case ChildEnd::How::refused:
+            return RunResult::refused;
+        default:
+            return RunResult::finished;
     }
-    ShellChild child;
-    if (!spawn_shell(cmd, child)) {
-        return RunResult::refused;
-    }
-    int status = 0;
-    const int r = wait_for_client(child.pid, &status);
-    if (r == kSignalJumpValue) {
-        kill(child.pid, SIGTERM);
-        while (waitpid(child.pid, &status, 0) < 0 && errno == EINTR) {
-        }
-        return RunResult::interrupted;
-    }
-    if (r < 0) {
-        report_wait_failure(child, errno, cmd);
-        status = 127 << 8;
-    }
-    decode_child_status(child, status, cmd);
-    return RunResult::finished;
 }
 
 bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg,

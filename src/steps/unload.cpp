@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "config/process.hpp"
 #include "config/product.hpp"
 #include "log/finish.hpp"
 #include "log/prot.hpp"
@@ -41,10 +42,15 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
     WRITE_TRACE(1, "+++ db_unload %s for [%s]", mode.c_str(), list.c_str());
     const bool all = for_each_table(cpTable, [&](const std::string& table) {
         if (mode == "export") {
-            const std::string cmd = pathes.bin_ravik + "rv_db \"select * from " + table + "\" -e > " +
-                                    pathes.var_work + "db_" + table + ".tmp";
-            std::fflush(nullptr);
-            const int status = std::system(cmd.c_str());
+            if (!shell_double_quotable(table)) {
+                std::printf("export %s refused: the table name holds a character the shell would change\n",
+                            table.c_str());
+                return true;
+            }
+            std::string cmd = shell_quote(pathes.bin_ravik + "rv_db") + " \"select * from " + table + "\" -e > " +
+                              shell_quote(pathes.var_work + "db_" + table + ".tmp");
+            const ChildEnd end = run_reported({cmd, {}, nullptr, true}, cmd);
+            const int status = end.finished() ? end.status : -1;
             WRITE_TRACE(1, "export %s returned exit state %d", table.c_str(), status);
             if (strLog.iVerify == 0) {
                 std::printf("export %s returned exit state %d\n", table.c_str(), status);
@@ -86,16 +92,10 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable) {
             std::printf("load values into table %s\n", table.c_str());
         }
         WRITE_TRACE(2, "get values from file: %sdb_%s.tmp", pathes.var_work.c_str(), table.c_str());
-        const std::string cmd =
-            pathes.bin_db + "oaisql -c " + pathes.var_work + "db_" + table + ".tmp -e 2>&1";
-        std::fflush(nullptr);
-        PipePtr pipe(popen(cmd.c_str(), "r"));
-        if (!pipe) {
-            FINISH(RV_ERROR, "ERROR: Import could not start " + cmd);
-        }
+        const std::string cmd = shell_quote(pathes.bin_db + "oaisql") + " -c " +
+                                shell_quote(pathes.var_work + "db_" + table + ".tmp") + " -e 2>&1";
         int errors = 0;
-        std::string line;
-        while (read_line(pipe.get(), line, LineFeed::keep)) {
+        const auto count = [&errors](std::string line) {
             if (strLog.iVerify == 0) {
                 std::fputs(line.c_str(), stdout);
             }
@@ -106,8 +106,13 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable) {
             if (line.find("Error") != std::string::npos) {
                 ++errors;
             }
+        };
+        std::string reported = cmd;
+        const ChildEnd end = run_reported({cmd, count, nullptr, true}, reported);
+        if (end.how == ChildEnd::How::refused || end.how == ChildEnd::How::not_started) {
+            FINISH(RV_ERROR, "ERROR: Import could not start " + cmd);
         }
-        status = pclose(pipe.release());
+        status = end.status;
         WRITE_TRACE(1, "import %s returned exit state %d with %d errors", table.c_str(), status, errors);
         if (strLog.iVerify == 0) {
             std::printf("import %s returned exit state %d with %d errors\n", table.c_str(), status, errors);

@@ -1,6 +1,6 @@
-// Owners for C streams and pipes, and a line reader without a length limit.
-// A stream is closed (a pipe waited for) when its owner goes away; callers
-// that must see the close status release() the stream and close it themselves.
+// The owner of a C stream, and a line reader without a length limit. A
+// stream is closed when its owner goes away; callers that must see the close
+// status release() the stream and close it themselves.
 #pragma once
 
 #include <cstdio>
@@ -13,11 +13,6 @@ struct FileCloser {
     void operator()(std::FILE* fp) const { std::fclose(fp); }
 };
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
-
-struct PipeCloser {
-    void operator()(std::FILE* fp) const { pclose(fp); }
-};
-using PipePtr = std::unique_ptr<std::FILE, PipeCloser>;
 
 // How read_line treats the line feed.
 enum class LineFeed { drop, keep };

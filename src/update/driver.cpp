@@ -179,13 +179,17 @@ int parser(std::string_view cpString, int iStep) {
     return 1;
 }
 
-int iDbUpdate(std::string_view cpVersion) {
+void iDbUpdate(std::string_view cpVersion) {
     const std::string name(cpVersion);
     if (iSectionDepth >= kMaxSectionDepth) {
         FINISH(RV_ERROR, "iDbUpdate: sections nested deeper than " + std::to_string(kMaxSectionDepth) +
                              ", section [" + name + "] not run (does a section call itself?)");
     }
-    ++iSectionDepth;
+    // The depth goes back however the section is left.
+    struct Nested {
+        Nested() { ++iSectionDepth; }
+        ~Nested() { --iSectionDepth; }
+    } nested;
     WRITE_TRACE(1, "+++ DbUpdate [%s]", name.c_str());
     const std::string section = "[" + name + "]";
     std::string step;
@@ -205,8 +209,6 @@ int iDbUpdate(std::string_view cpVersion) {
         }
     }
     WRITE_TRACE(1, "--- DbUpdate %s", name.c_str());
-    --iSectionDepth;
-    return 1;
 }
 
 }  // namespace rv

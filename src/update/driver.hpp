@@ -14,9 +14,9 @@ namespace rv {
 inline constexpr int kMaxSectionDepth = 64;
 
 // Runs the section `cpVersion` (e.g. "Update 1.6.4.") of the update script.
-// A missing script, section or step count runs nothing. Returns 1; fatal
-// conditions end the process through FINISH.
-int iDbUpdate(std::string_view cpVersion);
+// A missing script, section or step count runs nothing. Fatal conditions
+// throw Fatal (FINISH).
+void iDbUpdate(std::string_view cpVersion);
 
 // Handles the step line `cpString`, number `iStep`. Returns 0 when the
 // section is to end (`exit`, `KEY_NOT_FOUND`), else 1.

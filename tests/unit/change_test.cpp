@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "config/product.hpp"
 #include "log/finish.hpp"
 #include "support/sandbox.hpp"
@@ -93,6 +95,12 @@ TEST_F(TableChange, RefusalsLeaveTheImage) {
          {"|id=1|label=" + std::string(300, 'x') + "|\n", std::string("|id=1|\n|broken|\n")}) {
         refused(image, "");
         EXPECT_EQ(rvtest::read_file(work + "db_media.tmp"), image);
+        // The run ended while the new image was being written: it is gone.
+        std::vector<std::string> left;
+        for (const auto& entry : std::filesystem::directory_iterator(work)) {
+            left.push_back(entry.path().filename().string());
+        }
+        EXPECT_EQ(left, std::vector<std::string>{"db_media.tmp"});
     }
     refused("|id=1|\n", "ADD_COLUMNS=a,b\nADD_VALUES=,\n");
 }

@@ -1,0 +1,353 @@
+#include "sys/runner.hpp"
+
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csetjmp>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+extern char** environ;
+
+// How a child is owned. The tool forks a guardian, which makes a process
+// group of its own, hands it the terminal when the tool had it, and forks the
+// shell into that group. The guardian ignores the stop signals, waits for the
+// shell and ends the same way it did, so the tool sees the shell's status.
+// When the tool dies, the kernel sends the guardian kGuardSignal (its
+// parent-death signal), on which it kills its whole group. Stopping a child
+// is SIGTERM to the group, then SIGKILL after the grace time.
+
+namespace rv {
+
+namespace {
+
+// Exit code of a shell child that could not be started: this plus errno.
+constexpr int kExecFailureBase = 160;
+// The guardian's parent-death signal.
+constexpr int kGuardSignal = SIGUSR1;
+// Signals the guardian outlives, so that it can report how the shell ended.
+constexpr int kStopSignals[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
+constexpr int kPollMs = 10;
+
+// The running child's process group (its guardian's pid), or -1; a stop
+// request and when its grace time ends. Read by signal handlers.
+volatile sig_atomic_t gRunning = -1;
+volatile sig_atomic_t gStopRequested = 0;
+
+ChildRunner* gInstalled = nullptr;
+ChildEnvironment gEnvironment = nullptr;
+
+// Jump target of a quit signal while a quittable wait runs.
+sigjmp_buf gQuitJump;
+const char* volatile gQuitNotice = nullptr;
+
+void on_quit(int /*signo*/) {
+    const char* notice = gQuitNotice;
+    if (notice != nullptr) {
+        [[maybe_unused]] const ssize_t n = write(STDERR_FILENO, notice, std::strlen(notice));
+    }
+    siglongjmp(gQuitJump, 1);
+}
+
+void kill_own_group(int /*signo*/) { kill(0, SIGKILL); }
+
+void sleep_ms(int ms) {
+    timespec ts{ms / 1000, static_cast<long>(ms % 1000) * 1000000L};
+    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
+}
+
+// Child side, in the guardian's group: becomes the shell.
+[[noreturn]] void exec_shell(const char* line, int out_fd, const struct sigaction* saved,
+                             const sigset_t* mask) {
+    for (std::size_t i = 0; i < std::size(kStopSignals); ++i) {
+        sigaction(kStopSignals[i], &saved[i], nullptr);
+    }
+    std::signal(kGuardSignal, SIG_DFL);
+    sigprocmask(SIG_SETMASK, mask, nullptr);
+    if (out_fd >= 0) {
+        dup2(out_fd, STDOUT_FILENO);
+        close(out_fd);
+    }
+    char sh[] = "sh";
+    char dash_c[] = "-c";
+    char* const argv[] = {sh, dash_c, const_cast<char*>(line), nullptr};
+    execve("/bin/sh", argv, environ);
+    const int err = errno;
+    std::fprintf(stderr, "start_system (child): /bin/sh %s %s\n", "-c", line);
+    std::fprintf(stderr, "start_system (child): %s (%d)\n", std::strerror(err), err);
+    std::fflush(stderr);
+    _exit(kExecFailureBase + err);
+}
+
+// Ends the guardian the way the shell ended.
+[[noreturn]] void end_like(int status) {
+    if (WIFSIGNALED(status)) {
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_CORE, &none);
+        std::signal(WTERMSIG(status), SIG_DFL);
+        sigset_t all;
+        sigemptyset(&all);
+        sigprocmask(SIG_SETMASK, &all, nullptr);
+        kill(getpid(), WTERMSIG(status));
+    }
+    _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+}
+
+// The guardian. Only plain system calls: it is a copy of the tool.
+[[noreturn]] void guard(const char* line, int out_fd, int in_fd, pid_t tool, bool terminal) {
+    setpgid(0, 0);
+    struct sigaction saved[std::size(kStopSignals)];
+    for (std::size_t i = 0; i < std::size(kStopSignals); ++i) {
+        struct sigaction ignore {};
+        ignore.sa_handler = SIG_IGN;
+        sigaction(kStopSignals[i], &ignore, &saved[i]);
+    }
+    struct sigaction on_death {};
+    on_death.sa_handler = kill_own_group;
+    sigaction(kGuardSignal, &on_death, nullptr);
+    prctl(PR_SET_PDEATHSIG, kGuardSignal);
+    if (getppid() != tool) {
+        kill_own_group(0);
+    }
+    if (terminal) {
+        std::signal(SIGTTOU, SIG_IGN);
+        tcsetpgrp(STDIN_FILENO, getpid());
+        std::signal(SIGTTOU, SIG_DFL);
+    }
+    if (in_fd >= 0) {
+        close(in_fd);
+    }
+    sigset_t mask;
+    sigprocmask(SIG_SETMASK, nullptr, &mask);
+    const pid_t shell = fork();
+    if (shell < 0) {
+        _exit(kExecFailureBase + errno);
+    }
+    if (shell == 0) {
+        exec_shell(line, out_fd, saved, &mask);
+    }
+    if (out_fd >= 0) {
+        close(out_fd);
+    }
+    int status = 0;
+    while (waitpid(shell, &status, 0) < 0) {
+        if (errno != EINTR) {
+            _exit(kExecFailureBase + ECHILD);
+        }
+    }
+    end_like(status);
+}
+
+// Waits for `pid`, stopping it once a stop is requested. Returns the wait
+// status, or -1 - errno when there is no child to wait for.
+int wait_owned(pid_t pid) {
+    int status = 0;
+    bool killed = false;
+    timespec deadline{};
+    while (true) {
+        const pid_t r = waitpid(pid, &status, gStopRequested ? WNOHANG : 0);
+        if (r == pid) {
+            return status;
+        }
+        if (r < 0 && errno != EINTR) {
+            return -1 - errno;
+        }
+        if (!gStopRequested) {
+            continue;
+        }
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if (deadline.tv_sec == 0) {
+            kill(-pid, SIGTERM);
+            deadline = now;
+            deadline.tv_sec += kChildGraceMs / 1000;
+        } else if (!killed && now.tv_sec >= deadline.tv_sec) {
+            kill(-pid, SIGKILL);
+            killed = true;
+        }
+        sleep_ms(kPollMs);
+    }
+}
+
+// The wait of a quittable child: a quit signal jumps back here from inside
+// waitpid. Nothing in this frame has a destructor, so the jump skips none.
+int wait_quittable(pid_t pid, const char* notice, bool& interrupted) {
+    if (sigsetjmp(gQuitJump, 1) != 0) {
+        std::signal(SIGQUIT, SIG_DFL);
+        gQuitNotice = nullptr;
+        interrupted = true;
+        gStopRequested = 1;
+        return wait_owned(pid);
+    }
+    gQuitNotice = notice;
+    struct sigaction action {};
+    action.sa_handler = on_quit;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGQUIT, &action, nullptr);
+    const int status = wait_owned(pid);
+    std::signal(SIGQUIT, SIG_DFL);
+    gQuitNotice = nullptr;
+    return status;
+}
+
+// Hands the lines of `fd` to `on_line`.
+void pass_lines(int fd, const std::function<void(const std::string&)>& on_line) {
+    std::string pending;
+    char buffer[8192];
+    while (true) {
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        pending.append(buffer, static_cast<std::size_t>(n));
+        std::size_t start = 0;
+        for (std::size_t nl = pending.find('\n'); nl != std::string::npos; nl = pending.find('\n', start)) {
+            on_line(pending.substr(start, nl + 1 - start));
+            start = nl + 1;
+        }
+        pending.erase(0, start);
+    }
+    if (!pending.empty()) {
+        on_line(pending);
+    }
+}
+
+// Owns the running child: whatever way the run is left, the child is
+// stopped and reaped, the pipe closed and the terminal taken back.
+class Owned {
+  public:
+    Owned(pid_t pid, int fd, bool terminal) : pid_(pid), fd_(fd), terminal_(terminal) { gRunning = pid; }
+    ~Owned() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+        if (!reaped_) {
+            gStopRequested = 1;
+            wait_owned(pid_);
+        }
+        gRunning = -1;
+        gStopRequested = 0;
+        if (terminal_) {
+            sigset_t ttou;
+            sigset_t old;
+            sigemptyset(&ttou);
+            sigaddset(&ttou, SIGTTOU);
+            sigprocmask(SIG_BLOCK, &ttou, &old);
+            tcsetpgrp(STDIN_FILENO, getpgrp());
+            sigprocmask(SIG_SETMASK, &old, nullptr);
+        }
+    }
+    Owned(const Owned&) = delete;
+    Owned& operator=(const Owned&) = delete;
+
+    int fd() const { return fd_; }
+    void reaped() { reaped_ = true; }
+
+  private:
+    pid_t pid_;
+    int fd_;
+    bool terminal_;
+    bool reaped_ = false;
+};
+
+class RealRunner : public ChildRunner {
+  public:
+    ChildEnd run(const ChildCommand& command) override {
+        ChildEnd end;
+        if (command.prepare_environment && gEnvironment != nullptr && !gEnvironment(command.shell_line)) {
+            end.how = ChildEnd::How::refused;
+            return end;
+        }
+        int fds[2] = {-1, -1};
+        if (command.on_line && pipe2(fds, O_CLOEXEC) != 0) {
+            end.error = errno;
+            return end;
+        }
+        const bool terminal = isatty(STDIN_FILENO) && tcgetpgrp(STDIN_FILENO) == getpgrp();
+        const pid_t tool = getpid();
+        std::fflush(nullptr);
+        const pid_t pid = fork();
+        if (pid < 0) {
+            end.error = errno;
+            for (const int fd : fds) {
+                if (fd >= 0) {
+                    close(fd);
+                }
+            }
+            return end;
+        }
+        if (pid == 0) {
+            guard(command.shell_line.c_str(), fds[1], fds[0], tool, terminal);
+        }
+        setpgid(pid, pid);
+        if (fds[1] >= 0) {
+            close(fds[1]);
+        }
+        Owned owned(pid, fds[0], terminal);
+        if (command.on_line) {
+            pass_lines(owned.fd(), command.on_line);
+        }
+        bool interrupted = false;
+        const int status = command.quit_notice != nullptr ? wait_quittable(pid, command.quit_notice, interrupted)
+                                                           : wait_owned(pid);
+        owned.reaped();
+        if (status < 0) {
+            end.error = -1 - status;
+            end.how = ChildEnd::How::not_started;
+            return end;
+        }
+        end.status = status;
+        end.how = interrupted ? ChildEnd::How::interrupted : ChildEnd::How::finished;
+        return end;
+    }
+};
+
+}  // namespace
+
+ChildRunner& child_runner() {
+    static RealRunner real;
+    return gInstalled != nullptr ? *gInstalled : real;
+}
+
+void set_child_runner(ChildRunner* runner) { gInstalled = runner; }
+
+void set_child_environment(ChildEnvironment prepare) { gEnvironment = prepare; }
+
+void stop_running_child() {
+    const pid_t group = gRunning;
+    if (group > 0) {
+        gStopRequested = 1;
+        kill(-group, SIGTERM);
+    }
+}
+
+std::string shell_quote(std::string_view word) {
+    constexpr std::string_view kPlain = "_-+./:=,@%";
+    bool plain = !word.empty();
+    for (const char c : word) {
+        const bool alnum = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+        plain = plain && (alnum || kPlain.find(c) != std::string_view::npos);
+    }
+    if (plain) {
+        return std::string(word);
+    }
+    std::string quoted = "'";
+    for (const char c : word) {
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return quoted + "'";
+}
+
+bool shell_double_quotable(std::string_view text) { return text.find_first_of("\"$`\\") == std::string_view::npos; }
+
+}  // namespace rv
