@@ -2,6 +2,7 @@
 // usage text, and the call of run_loader.
 #include "cli/oaisql_cli.hpp"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -15,11 +16,16 @@ namespace {
 constexpr const char* kUsage =
     "usage: oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT]\n";
 
-// The positive decimal count `text` into `count`; false when it is not one.
+// The decimal count `text` (digits only, 1 to kLoaderCountMax) into
+// `count`; false when it is not one.
 bool parse_count(const char* text, std::size_t& count) {
+    if (*text < '0' || *text > '9') {
+        return false;  // strtoull would take a sign or blanks
+    }
     char* end = nullptr;
+    errno = 0;
     const unsigned long long n = std::strtoull(text, &end, 10);
-    if (end == text || *end != '\0' || n == 0) {
+    if (errno != 0 || *end != '\0' || n == 0 || n > kLoaderCountMax) {
         return false;
     }
     count = static_cast<std::size_t>(n);

@@ -31,63 +31,48 @@ int usage(const char* program, std::FILE* out, int status) {
     return status;
 }
 
-}  // namespace
-
-int rv_db_main(int argc, char** argv) {
-    const char* program = argc > 0 ? argv[0] : "rv_db";
+struct Options {
     std::optional<std::string> statement;
     bool bExport = false;
-    int level = -1;
+    int level = -1;  // -v, or -1
+};
+
+// Reads the command line into `options`. Returns -1 when the statement is to
+// run, else the exit status (usage asked for, or a usage error).
+int parse(int argc, char** argv, Options& options) {
+    const char* program = argc > 0 ? argv[0] : "rv_db";
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
         if (arg == "-h" || arg == "--help") {
             return usage(program, stdout, kRvDbOk);
         }
         if (arg == "-e") {
-            bExport = true;
+            options.bExport = true;
         } else if (arg == "-v") {
             if (i + 1 >= argc) {
                 std::fprintf(stderr, "rv_db: -v needs a trace level\n");
                 return usage(program, stderr, kRvDbUsage);
             }
-            level = std::atoi(argv[++i]);
-        } else if (!statement) {
-            statement = arg;
+            options.level = std::atoi(argv[++i]);
+        } else if (!options.statement) {
+            options.statement = arg;
         } else {
             std::fprintf(stderr, "rv_db: only one statement, found a second: %s\n", argv[i]);
             return usage(program, stderr, kRvDbUsage);
         }
     }
-    if (!statement || statement->empty()) {
+    if (!options.statement || options.statement->empty()) {
         std::fprintf(stderr, "rv_db: no statement given\n");
         return usage(program, stderr, kRvDbUsage);
     }
+    return -1;
+}
 
-    // Standard output carries the answer (an export file, as a rule): the
-    // environment set-up reports on standard error instead.
-    set_environment_report(stderr);
-    v_set_log_main("rv_db.lgc", "RV_DB");
-    if (level >= 0) {
-        strLog.iFlg = level;
-        strLog.iVerify = 1;
-    }
-
-    std::string msg = bExport ? "export" : "";
-    DB_REC_LIS list;
-    list.szId = "rv_db";
-    if (!iDB_ACCESS(*statement, msg, &list)) {
-        if (msg.empty() || msg == "export") {
-            std::fprintf(stderr, "rv_db: the statement failed (reason above): %s\n",
-                         statement->c_str());
-        } else {
-            std::fprintf(stderr, "rv_db: the statement failed: %s\n", msg.c_str());
-        }
-        return kRvDbFailed;
-    }
-
-    std::string cleaned = *statement;
+// Prints the answer of the statement that ran.
+void print_answer(const Options& options, const DB_REC_LIS& list, const std::string& msg) {
+    std::string cleaned = *options.statement;
     SQL_LOWERCASE(cleaned);
-    switch (sql_form(cleaned, bExport)) {
+    switch (sql_form(cleaned, options.bExport)) {
         case SqlForm::export_text:
             break;  // already written
         case SqlForm::record_list:
@@ -102,6 +87,36 @@ int rv_db_main(int argc, char** argv) {
             break;
     }
     std::fflush(stdout);
+}
+
+}  // namespace
+
+int rv_db_main(int argc, char** argv) {
+    Options options;
+    if (const int status = parse(argc, argv, options); status >= 0) {
+        return status;
+    }
+    // Standard output carries the answer (an export file, as a rule): the
+    // environment set-up reports on standard error instead.
+    set_environment_report(stderr);
+    v_set_log_main("rv_db.lgc", "RV_DB");
+    if (options.level >= 0) {
+        strLog.iFlg = options.level;
+        strLog.iVerify = 1;
+    }
+
+    std::string msg = options.bExport ? "export" : "";
+    DB_REC_LIS list;
+    list.szId = "rv_db";
+    if (!iDB_ACCESS(*options.statement, msg, &list)) {
+        if (msg.empty() || msg == "export") {
+            std::fprintf(stderr, "rv_db: the statement failed (reason above): %s\n", options.statement->c_str());
+        } else {
+            std::fprintf(stderr, "rv_db: the statement failed: %s\n", msg.c_str());
+        }
+        return kRvDbFailed;
+    }
+    print_answer(options, list, msg);
     return kRvDbOk;
 }
 

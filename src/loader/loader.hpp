@@ -18,6 +18,8 @@ inline constexpr const char* kLoaderDefaultDatabase = "ravik_db";
 inline constexpr std::size_t kLoaderBatch = 500;
 // Consecutive rows of one INSERT shape sent as one multi-row INSERT.
 inline constexpr std::size_t kLoaderGroup = 50;
+// The largest count -b and -g accept.
+inline constexpr std::size_t kLoaderCountMax = 1000000;
 
 inline constexpr int kLoaderAllDone = 0;     // every statement succeeded
 inline constexpr int kLoaderSomeFailed = 1;  // at least one statement failed

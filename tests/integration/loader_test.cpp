@@ -214,6 +214,12 @@ TEST_F(DbLoader, UnreadableScriptsAndConnectionFailuresStopWithStatus2) {
         << r.err;
     EXPECT_EQ(rvtest::run({rvtest::bin("oaisql"), "-e"}).status, 2);
     EXPECT_EQ(rvtest::run({rvtest::bin("oaisql"), "-c", missing, "-x"}).status, 2);
+    // Counts are digits only and at most a million: no sign, no blank, no wrap.
+    for (const char* count : {"-1", " 2", "+2", "0", "1000001", "18446744073709551617"}) {
+        const auto usage = rvtest::run({rvtest::bin("oaisql"), "-c", missing, "-b", count});
+        EXPECT_EQ(usage.status, 2) << count;
+        EXPECT_EQ(usage.err.rfind("usage: oaisql", 0), 0u) << count << usage.err;
+    }
 
     // A later connect to another database: what ran before stays.
     pg_query("postgres", "drop database if exists ravik_other");
