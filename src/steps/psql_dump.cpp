@@ -1,5 +1,6 @@
 #include "steps/psql_dump.hpp"
 #include "log/trace.hpp"
+#include "steps/table_image.hpp"
 
 
 #include <cerrno>
@@ -7,7 +8,6 @@
 #include <memory>
 #include <vector>
 
-#include "config/glbv.hpp"
 #include "db/signals.hpp"
 #include "sys/atomic_file.hpp"
 #include "config/files.hpp"
@@ -23,15 +23,51 @@ namespace {
 // argument: a statement holding one is refused rather than changed.
 constexpr std::string_view kShellActive = "\"$`\\";
 
-// A product directory: the global variable `name`, or else the [PATHES] key
-// of that name; "" when neither is known.
-std::string product_dir(const std::string& name) {
-    std::string dir = name + ":";
-    if (resolve_glbv(dir)) {
-        return dir;
+// Why the client must not run `sql` ("" when it may), and else the
+// directory of its statement and answer files in `tmpDir`.
+std::string statement_refusal(const std::string& sql, std::string& tmpDir) {
+    if (sql.find_first_of(kShellActive) != std::string::npos) {
+        return "iPGSQL_DO_SQL: statement holds a character the shell would change (\" $ ` \\): " + sql;
     }
-    resolve_path(dir);
-    return dir == name + ":" ? std::string() : dir;
+    tmpDir = product_dir("gv_rw_tmp");
+    if (tmpDir.empty()) {
+        return "iPGSQL_DO_SQL: directory gv_rw_tmp unknown (neither global variable nor rv.ini key)";
+    }
+    return {};
+}
+
+// Records the statement in `sqi`; false (traced) when the file cannot be
+// opened.
+bool write_statement(const std::string& sqi, const std::string& sql) {
+    FilePtr in(std::fopen(sqi.c_str(), "w"));
+    if (!in) {
+        WRITE_TRACE(1, "--- PGSQL_DO_SQL  cannot open file %s to write", sqi.c_str());
+        return false;
+    }
+    std::fprintf(in.get(), "%s\n", sql.c_str());
+    if (std::fclose(in.release()) != 0) {
+        i_FILE_CLOSE(errno);
+    }
+    return true;
+}
+
+// What kind of answer `sqo` holds: true with the rows footer or command tag
+// that was found in `answer`; false with the client's error or the reason in
+// `answer`.
+bool classify_answer(const std::string& sqo, std::string& answer) {
+    answer = " rows)|OR| row)";
+    if (file_search(sqo, answer)) {
+        return true;
+    }
+    answer = "INSERT |OR|UPDATE ";
+    if (file_search(sqo, answer)) {
+        return true;
+    }
+    std::string error = "ERROR:^";
+    answer = file_search(sqo, error)
+                 ? error
+                 : "didn't find expected strings in database answer; please examine file " + sqo;
+    return false;
 }
 
 // The client's row count footer: exactly "(N rows)" or "(1 row)".
@@ -71,25 +107,14 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
         WRITE_TRACE(1, "--- PGSQL_DO_SQL Return 0: %s  %s ", sql.c_str(), cpMsg.c_str());
         return false;
     };
-    if (sql.find_first_of(kShellActive) != std::string::npos) {
-        return fail("iPGSQL_DO_SQL: statement holds a character the shell would change (\" $ ` \\): " + sql);
-    }
-    const std::string tmpDir = product_dir("gv_rw_tmp");
-    if (tmpDir.empty()) {
-        return fail("iPGSQL_DO_SQL: directory gv_rw_tmp unknown (neither global variable nor rv.ini key)");
+    std::string tmpDir;
+    if (const std::string refusal = statement_refusal(sql, tmpDir); !refusal.empty()) {
+        return fail(refusal);
     }
     const std::string sqi = tmpDir + id + ".sqi";
     const std::string sqo = tmpDir + id + ".sqo";
-    {
-        FilePtr in(std::fopen(sqi.c_str(), "w"));
-        if (!in) {
-            WRITE_TRACE(1, "--- PGSQL_DO_SQL  cannot open file %s to write", sqi.c_str());
-            return false;
-        }
-        std::fprintf(in.get(), "%s\n", sql.c_str());
-        if (std::fclose(in.release()) != 0) {
-            i_FILE_CLOSE(errno);
-        }
+    if (!write_statement(sqi, sql)) {
+        return false;
     }
 
     const std::string cmd = "psql -e -d ravik_db -P null=NULL -A -c \"" + sql + "\" 2>&1 > " + sqo;
@@ -106,15 +131,9 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
             break;
     }
 
-    std::string answer = " rows)|OR| row)";
-    if (!file_search(sqo, answer)) {
-        answer = "INSERT |OR|UPDATE ";
-        if (!file_search(sqo, answer)) {
-            std::string error = "ERROR:^";
-            return fail(file_search(sqo, error)
-                            ? error
-                            : "didn't find expected strings in database answer; please examine file " + sqo);
-        }
+    std::string answer;
+    if (!classify_answer(sqo, answer)) {
+        return fail(answer);
     }
     WRITE_TRACE(1, "answer from database: %s ", answer.c_str());
     cpMsg = answer;
@@ -129,11 +148,6 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
 
 }  // namespace
 
-std::string table_image_path(std::string_view cpId) {
-    const std::string dir = product_dir("gv_rw_work");
-    return dir.empty() ? std::string() : dir + "db_" + std::string(cpId) + ".tmp";
-}
-
 bool iSELECT_INTO_TEMP_FILE(std::string_view cpId, std::string_view cpSql, std::string& cpMsg) {
     WRITE_TRACE(1, "+++ iSELECT_INTO_TEMP_FILE  id:%.*s sql:%.*s", static_cast<int>(cpId.size()), cpId.data(),
                 static_cast<int>(cpSql.size()), cpSql.data());
@@ -145,6 +159,109 @@ bool iSELECT_INTO_TEMP_FILE(std::string_view cpId, std::string_view cpSql, std::
     WRITE_TRACE(1, "--- iSELECT_INTO_TEMP_FILE  returns %d  msg:%s", ok ? 1 : 0, cpMsg.c_str());
     return ok;
 }
+
+namespace {
+
+// A query answer on its way into a table image.
+struct Answer {
+    const std::string& id;
+    std::vector<std::string> names;       // as the client printed them
+    std::vector<std::string> lowerNames;  // as the image writes them
+    long rows = 0;
+    long footerCount = -1;  // -1 until a row count footer was read
+};
+
+// Reads the column names behind the echoed statement; false when the answer
+// has none.
+bool read_column_names(std::FILE* in, Answer& answer) {
+    std::string line;
+    read_line(in, line);  // the echoed statement
+    if (!read_line(in, line)) {
+        return false;
+    }
+    answer.names = split(line, '|', EmptyFields::keep);
+    for (const auto& name : answer.names) {
+        WRITE_TRACE(3, "column: %s ", name.c_str());
+    }
+    WRITE_TRACE(3, "read the values");
+    answer.lowerNames = answer.names;
+    for (auto& name : answer.lowerNames) {
+        lowercase(name);
+    }
+    return true;
+}
+
+// Why the columns of `answer` do not fit an image; "" when they do. Asked
+// once the answer is known to be a query result.
+std::string column_refusal(const Answer& answer) {
+    const std::string& id = answer.id;
+    if (answer.names.size() > kDumpColumnsMax) {
+        return "iPGSQL_MAKE_DB_GET_FILE: " + id + " has " + std::to_string(answer.names.size()) +
+               " columns, a table image holds at most " + std::to_string(kDumpColumnsMax);
+    }
+    for (const auto& name : answer.names) {
+        if (name.size() > kDumpColumnNameMax) {
+            return "iPGSQL_MAKE_DB_GET_FILE: column name " + name + " of " + id + " has " +
+                   std::to_string(name.size()) + " bytes, a table image allows at most " +
+                   std::to_string(kDumpColumnNameMax);
+        }
+    }
+    return {};
+}
+
+// Writes the rows up to the footer as image lines "|name=value|...|";
+// returns why the answer cannot become an image, or "".
+std::string copy_rows(std::FILE* in, std::FILE* out, Answer& answer) {
+    std::string line;
+    while (read_line(in, line)) {
+        if (parse_footer(line, answer.footerCount)) {
+            break;
+        }
+        if (answer.rows == 0) {
+            if (std::string refusal = column_refusal(answer); !refusal.empty()) {
+                return refusal;
+            }
+        }
+        WRITE_TRACE(3, "values: %s ", line.c_str());
+        std::vector<std::string> values = split(line, '|', EmptyFields::keep);
+        if (values.size() != answer.names.size()) {
+            return "iPGSQL_MAKE_DB_GET_FILE: row " + std::to_string(answer.rows + 1) + " of " +
+                   answer.id + " has " + std::to_string(values.size()) + " fields for " +
+                   std::to_string(answer.names.size()) +
+                   " columns (a value holding '|' or a line break cannot be dumped): " + line;
+        }
+        std::string record = "|";
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            record += answer.lowerNames[i] + "=" + str_trim(values[i]) + "|";
+        }
+        record += '\n';
+        std::fputs(record.c_str(), out);
+        ++answer.rows;
+    }
+    return {};
+}
+
+// Why the rows read do not match the footer of `sqo` (or there is none);
+// "" when they do.
+std::string count_refusal(const Answer& answer, const std::string& sqo) {
+    if (answer.footerCount < 0) {
+        return answer.rows > 0
+                   ? "iPGSQL_MAKE_DB_GET_FILE: " + answer.id + ": no row count at the end of " + sqo
+                   : std::string();
+    }
+    if (answer.rows == 0) {
+        if (std::string refusal = column_refusal(answer); !refusal.empty()) {
+            return refusal;
+        }
+    }
+    if (answer.footerCount != answer.rows) {
+        return "iPGSQL_MAKE_DB_GET_FILE: " + answer.id + ": " + std::to_string(answer.rows) +
+               " rows read, but the database reported " + std::to_string(answer.footerCount);
+    }
+    return {};
+}
+
+}  // namespace
 
 bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutFile, std::string& cpMsg) {
     const std::string id(cpId);
@@ -171,85 +288,26 @@ bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutF
     if (!in) {
         return fail("Can't open file " + cpSqlOutFile + " to read");
     }
-    std::string line;
-    read_line(in.get(), line);  // the echoed statement
-    if (!read_line(in.get(), line)) {
+    Answer answer{id, {}, {}};
+    if (!read_column_names(in.get(), answer)) {
         return fail("Can't find lines with column-names");
     }
-    const std::vector<std::string> names = split(line, '|', EmptyFields::keep);
-    for (const auto& name : names) {
-        WRITE_TRACE(3, "column: %s ", name.c_str());
+    if (const std::string refusal = copy_rows(in.get(), out.stream(), answer); !refusal.empty()) {
+        return fail(refusal);
     }
-    WRITE_TRACE(3, "read the values");
-    // Checked once the answer is known to be a query result.
-    const auto check_columns = [&]() -> std::string {
-        if (names.size() > kDumpColumnsMax) {
-            return "iPGSQL_MAKE_DB_GET_FILE: " + id + " has " + std::to_string(names.size()) +
-                   " columns, a table image holds at most " + std::to_string(kDumpColumnsMax);
-        }
-        for (const auto& name : names) {
-            if (name.size() > kDumpColumnNameMax) {
-                return "iPGSQL_MAKE_DB_GET_FILE: column name " + name + " of " + id + " has " +
-                       std::to_string(name.size()) + " bytes, a table image allows at most " +
-                       std::to_string(kDumpColumnNameMax);
-            }
-        }
-        return {};
-    };
-    std::vector<std::string> lowerNames = names;
-    for (auto& name : lowerNames) {
-        lowercase(name);
-    }
-
-    long rows = 0;
-    long footerCount = -1;
-    while (read_line(in.get(), line)) {
-        if (parse_footer(line, footerCount)) {
-            break;
-        }
-        if (rows == 0) {
-            if (const std::string refusal = check_columns(); !refusal.empty()) {
-                return fail(refusal);
-            }
-        }
-        WRITE_TRACE(3, "values: %s ", line.c_str());
-        std::vector<std::string> values = split(line, '|', EmptyFields::keep);
-        if (values.size() != names.size()) {
-            return fail("iPGSQL_MAKE_DB_GET_FILE: row " + std::to_string(rows + 1) + " of " + id + " has " +
-                        std::to_string(values.size()) + " fields for " + std::to_string(names.size()) +
-                        " columns (a value holding '|' or a line break cannot be dumped): " + line);
-        }
-        std::string record = "|";
-        for (std::size_t i = 0; i < names.size(); ++i) {
-            record += lowerNames[i] + "=" + str_trim(values[i]) + "|";
-        }
-        record += '\n';
-        std::fputs(record.c_str(), out.stream());
-        ++rows;
-    }
-    if (footerCount >= 0) {
-        if (rows == 0) {
-            if (const std::string refusal = check_columns(); !refusal.empty()) {
-                return fail(refusal);
-            }
-        }
-        if (footerCount != rows) {
-            return fail("iPGSQL_MAKE_DB_GET_FILE: " + id + ": " + std::to_string(rows) +
-                        " rows read, but the database reported " + std::to_string(footerCount));
-        }
-    } else if (rows > 0) {
-        return fail("iPGSQL_MAKE_DB_GET_FILE: " + id + ": no row count at the end of " + cpSqlOutFile);
+    if (const std::string refusal = count_refusal(answer, cpSqlOutFile); !refusal.empty()) {
+        return fail(refusal);
     }
     in.reset();
 
-    if (rows == 0) {
+    if (answer.rows == 0) {
         std::remove(image.c_str());
     } else if (!out.commit()) {
         const int err = errno;
         i_FILE_CLOSE(err);
         return fail("Can't write file " + image);
     }
-    cpMsg = std::to_string(rows);
+    cpMsg = std::to_string(answer.rows);
     WRITE_TRACE(1, "--- PGSQL_MAKE_DB_GET_FILE   rows= %s ", cpMsg.c_str());
     return true;
 }

@@ -30,8 +30,4 @@ bool iSELECT_INTO_TEMP_FILE(std::string_view cpId, std::string_view cpSql, std::
 // No rows: the image is removed.
 bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutFile, std::string& cpMsg);
 
-// Full path of the table image of `cpId`, or "" when the work directory is
-// unknown (neither the global variable gv_rw_work nor the [PATHES] key).
-std::string table_image_path(std::string_view cpId);
-
 }  // namespace rv

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "steps/table_image.hpp"
 #include "support/sandbox.hpp"
 
 namespace {
