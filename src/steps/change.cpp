@@ -7,6 +7,7 @@
 
 #include "config/ini.hpp"
 #include "config/product.hpp"
+#include "steps/table_image.hpp"
 #include "log/finish.hpp"
 #include "log/trace.hpp"
 #include "sys/atomic_file.hpp"
@@ -19,12 +20,6 @@ namespace rv {
 namespace {
 
 constexpr std::size_t kKeySize = 256;
-
-std::string image_path(std::string_view table) {
-    std::string path = pathes.var_work;
-    path.append("db_").append(table).append(".tmp");
-    return path;
-}
 
 std::string joined(const std::vector<std::string>& list, std::size_t from) {
     std::string text;
@@ -178,7 +173,10 @@ std::string insert_text(std::string_view table, const std::string& columns, cons
 
 void db_change(std::string_view cpTable) {
     const std::string table(cpTable);
-    const std::string file = image_path(table);
+    const std::string file = table_image_path(table);
+    if (file.empty()) {
+        refuse(table, "directory gv_rw_work unknown (neither global variable nor rv.ini key)");
+    }
     WRITE_TRACE(2, "<iRead_columns_and_values> szTable: %s", table.c_str());
     WRITE_TRACE(2, "<iRead_columns_and_values> try to open file: %s", file.c_str());
     // A missing image (an empty table was dumped) gives a script that loads nothing.

@@ -11,6 +11,7 @@
 #include "log/prot.hpp"
 #include "log/trace.hpp"
 #include "steps/psql_dump.hpp"
+#include "steps/table_image.hpp"
 #include "sys/strings.hpp"
 #include "sys/file_io.hpp"
 
@@ -33,6 +34,18 @@ bool for_each_table(std::string_view cpTable, Handle handle) {
     return true;
 }
 
+// The image of `table` for the step `step`. Without a work directory no
+// step could find the file again, so the run ends.
+std::string image_or_finish(const char* step, const std::string& table) {
+    std::string image = table_image_path(table);
+    if (image.empty()) {
+        FINISH(RV_ERROR, std::string(step) +
+                             ": directory gv_rw_work unknown (neither global variable nor rv.ini key); table " +
+                             table + " not handled");
+    }
+    return image;
+}
+
 }  // namespace
 
 int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_view cpTable) {
@@ -47,8 +60,9 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
                             table.c_str());
                 return true;
             }
+            const std::string image = image_or_finish("export", table);
             std::string cmd = shell_quote(pathes.bin_ravik + "rv_db") + " \"select * from " + table + "\" -e > " +
-                              shell_quote(pathes.var_work + "db_" + table + ".tmp");
+                              shell_quote(image);
             const ChildEnd end = run_reported({cmd, {}, nullptr, true}, cmd);
             const int status = end.finished() ? end.status : -1;
             WRITE_TRACE(1, "export %s returned exit state %d", table.c_str(), status);
@@ -91,9 +105,9 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable) {
         if (strLog.iVerify == 0) {
             std::printf("load values into table %s\n", table.c_str());
         }
-        WRITE_TRACE(2, "get values from file: %sdb_%s.tmp", pathes.var_work.c_str(), table.c_str());
-        const std::string cmd = shell_quote(pathes.bin_db + "oaisql") + " -c " +
-                                shell_quote(pathes.var_work + "db_" + table + ".tmp") + " -e 2>&1";
+        const std::string image = image_or_finish("import", table);
+        WRITE_TRACE(2, "get values from file: %s", image.c_str());
+        const std::string cmd = shell_quote(pathes.bin_db + "oaisql") + " -c " + shell_quote(image) + " -e 2>&1";
         int errors = 0;
         const auto count = [&errors](std::string line) {
             if (strLog.iVerify == 0) {

@@ -8,6 +8,7 @@
 
 #include "config/product.hpp"
 #include "log/finish.hpp"
+#include "steps/table_image.hpp"
 #include "support/sandbox.hpp"
 
 namespace {
@@ -15,12 +16,10 @@ namespace {
 class TableChange : public ::testing::Test {
   protected:
     void SetUp() override {
-        rv::pathes.var_work = work;
         rv::rvdb_ini = box.path("rv_db_update.ini");
         rv::glbvVersion = "1.6.4.";
     }
     void TearDown() override {
-        rv::pathes.var_work.clear();
         rv::rvdb_ini.clear();
         rv::glbvVersion.reset();
     }
@@ -88,6 +87,24 @@ TEST_F(TableChange, MissingImageGivesAnEmptyScript) {
     EXPECT_EQ(change("", "DEL_COLUMNS=x\n", false), "connect ravik_db\n");
     EXPECT_EQ(out,
               "can not open file " + work + "db_media.tmp: return false\nchange table media\n");
+}
+
+TEST_F(TableChange, WorkDirectoryOfTheGlobalVariableWinsAndTheDisagreementIsToldOnce) {
+    const std::string other = box.path("elsewhere/");
+    box.set_glbv("gv_rw_work", other);
+    rvtest::write_file(other + "db_media.tmp", "|id=1|\n");
+    rvtest::write_file(rv::rvdb_ini, "[1.6.4.media]\n");
+    EXPECT_EQ(rvtest::capture(1, [] { rv::db_change("media"); }),
+              "work directory: global variable gv_rw_work (" + other +
+                  ") differs from rv.ini gv_rw_work (" + work + "); " + other +
+                  " is used\nchange table media\n");
+    EXPECT_EQ(rvtest::read_file(other + "db_media.tmp"),
+              "connect ravik_db\nINSERT INTO media (id) VALUES ('1');\n");
+    EXPECT_FALSE(std::filesystem::exists(work + "db_media.tmp"));
+    // The dump, import and export name the same file, without telling again.
+    std::string path;
+    EXPECT_EQ(rvtest::capture(1, [&] { path = rv::table_image_path("media"); }), "");
+    EXPECT_EQ(path, other + "db_media.tmp");
 }
 
 TEST_F(TableChange, RefusalsLeaveTheImage) {
