@@ -57,6 +57,18 @@ void append_quoted(std::string& out, const std::string& value) {
     out += '\'';
 }
 
+// `value` without one pair of surrounding single quotes (a lone leading
+// quote goes as well).
+std::string unquoted(std::string value) {
+    if (!value.empty() && value.front() == '\'') {
+        value.erase(0, 1);
+        if (!value.empty() && value.back() == '\'') {
+            value.pop_back();
+        }
+    }
+    return value;
+}
+
 // The column/value pairs of ADD_COLUMNS and ADD_VALUES, announced on the
 // console as they are taken.
 std::vector<std::pair<std::string, std::string>> columns_to_add(const std::string& table, const std::string& section,
@@ -79,14 +91,7 @@ std::vector<std::pair<std::string, std::string>> columns_to_add(const std::strin
                               " characters): " + cols[i]);
         }
         std::printf("db_change call add_entry ( pstrFirstRow, %s, %s)\n", cols[i].c_str(), vals[i].c_str());
-        // One pair of surrounding single quotes goes.
-        std::string value = vals[i];
-        if (!value.empty() && value.front() == '\'') {
-            value.erase(0, 1);
-            if (!value.empty() && value.back() == '\'') {
-                value.pop_back();
-            }
-        }
+        const std::string value = unquoted(vals[i]);
         WRITE_TRACE(2, "<add_entry> szColumn : %s", cols[i].c_str());
         WRITE_TRACE(2, "<add_entry> szTmp     : %s", value.c_str());
         pairs.emplace_back(cols[i], value);
@@ -169,6 +174,85 @@ std::string insert_text(std::string_view table, const std::string& columns, cons
     return line;
 }
 
+// What the change section of a table asks for.
+struct ChangeKeys {
+    std::vector<std::pair<std::string, std::string>> additions;
+    std::vector<std::string> deletions;
+    std::vector<int> deleted;  // columns removed, for each deletion
+};
+
+// Reads ADD_COLUMNS, ADD_VALUES and DEL_COLUMNS of the section
+// "[<main version><table>]"; announces the change on the console.
+ChangeKeys read_change_keys(const std::string& table) {
+    std::string section = "[";
+    section.append(glbvVersion.value_or("")).append(table).append("]");
+    std::string columns = "KEY_NOT_FOUND";
+    std::string values = "KEY_NOT_FOUND";
+    std::string msg;
+    const bool haveColumns = i_GetPrivateProfileString(rvdb_ini, section, "ADD_COLUMNS", columns, msg, kKeySize);
+    const bool haveValues = i_GetPrivateProfileString(rvdb_ini, section, "ADD_VALUES", values, msg, kKeySize);
+    WRITE_TRACE(1, "change table %s", table.c_str());
+    std::printf("change table %s\n", table.c_str());
+    ChangeKeys keys;
+    if (haveColumns || haveValues) {
+        keys.additions = columns_to_add(table, section, columns, values);
+    }
+    std::string del;
+    if (i_GetPrivateProfileString(rvdb_ini, section, "DEL_COLUMNS", del, msg, kKeySize)) {
+        keys.deletions = split(del, ',', EmptyFields::drop);
+    }
+    keys.deleted.assign(keys.deletions.size(), 0);
+    std::fflush(stdout);
+    return keys;
+}
+
+// Adds and drops the columns of `row` as `keys` say.
+void apply_changes(strRow& row, ChangeKeys& keys) {
+    for (const auto& [column, value] : keys.additions) {
+        add_entry(row, column, value);
+    }
+    for (std::size_t d = 0; d < keys.deletions.size(); ++d) {
+        keys.deleted[d] += delete_entry(row, keys.deletions[d]);
+    }
+}
+
+// Writes an INSERT line for every row of the image `in` (read from `file`)
+// into `out`. A row beyond the limits ends the run with `out` dropped.
+void write_inserts(std::FILE* in, AtomicFile& out, const std::string& table,
+                   const std::string& file, ChangeKeys& keys) {
+    std::string line;
+    std::string why;
+    strRow row;
+    std::string columnList;
+    std::string valueList;
+    std::size_t number = 0;
+    while (read_line(in, line)) {
+        ++number;
+        if (line.empty()) {
+            continue;
+        }
+        if (!iRead_columns_and_values(line, row, why)) {
+            std::fflush(stdout);
+            refuse(table, "line " + std::to_string(number) + " of " + file + " " + why, &out);
+        }
+        apply_changes(row, keys);
+        if (row.columns.empty()) {
+            break;  // a row without columns ends the table
+        }
+        insert_lists(row, columnList, valueList);
+        if (columnList.size() > kChangeListMax || valueList.size() > kChangeListMax) {
+            refuse(table,
+                   "line " + std::to_string(number) + " of " + file + " makes a column or value list longer than " +
+                       std::to_string(kChangeListMax) + " characters",
+                   &out);
+        }
+        const std::string insert = insert_text(table, columnList, valueList);
+        WRITE_TRACE(3, "%s", insert.c_str());
+        std::fputs(insert.c_str(), out.stream());
+        std::fputc('\n', out.stream());
+    }
+}
+
 }  // namespace
 
 void db_change(std::string_view cpTable) {
@@ -185,26 +269,7 @@ void db_change(std::string_view cpTable) {
         std::printf("can not open file %s: return false\n", file.c_str());
         WRITE_TRACE(1, "can not open file %s: return false", file.c_str());
     }
-
-    std::string section = "[";
-    section.append(glbvVersion.value_or("")).append(table).append("]");
-    std::string columns = "KEY_NOT_FOUND";
-    std::string values = "KEY_NOT_FOUND";
-    std::string msg;
-    const bool haveColumns = i_GetPrivateProfileString(rvdb_ini, section, "ADD_COLUMNS", columns, msg, kKeySize);
-    const bool haveValues = i_GetPrivateProfileString(rvdb_ini, section, "ADD_VALUES", values, msg, kKeySize);
-    WRITE_TRACE(1, "change table %s", table.c_str());
-    std::printf("change table %s\n", table.c_str());
-    std::vector<std::pair<std::string, std::string>> additions;
-    if (haveColumns || haveValues) {
-        additions = columns_to_add(table, section, columns, values);
-    }
-    std::string del;
-    std::vector<std::string> deletions;
-    if (i_GetPrivateProfileString(rvdb_ini, section, "DEL_COLUMNS", del, msg, kKeySize)) {
-        deletions = split(del, ',', EmptyFields::drop);
-    }
-    std::fflush(stdout);
+    ChangeKeys keys = read_change_keys(table);
 
     WRITE_TRACE(2, "<write_struct> szTable: %s", table.c_str());
     WRITE_TRACE(2, "<write_struct> try to open file: %s", file.c_str());
@@ -215,47 +280,12 @@ void db_change(std::string_view cpTable) {
         return;
     }
     std::fputs("connect ravik_db\n", out.stream());
-
-    std::vector<int> deleted(deletions.size(), 0);
-    std::string line;
-    std::string why;
-    strRow row;
-    std::string columnList;
-    std::string valueList;
-    std::size_t number = 0;
-    while (in && read_line(in.get(), line)) {
-        ++number;
-        if (line.empty()) {
-            continue;
-        }
-        if (!iRead_columns_and_values(line, row, why)) {
-            std::fflush(stdout);
-            refuse(table, "line " + std::to_string(number) + " of " + file + " " + why, &out);
-        }
-        for (const auto& [column, value] : additions) {
-            add_entry(row, column, value);
-        }
-        for (std::size_t d = 0; d < deletions.size(); ++d) {
-            deleted[d] += delete_entry(row, deletions[d]);
-        }
-        if (row.columns.empty()) {
-            break;  // a row without columns ends the table
-        }
-        insert_lists(row, columnList, valueList);
-        if (columnList.size() > kChangeListMax || valueList.size() > kChangeListMax) {
-            refuse(table,
-                   "line " + std::to_string(number) + " of " + file + " makes a column or value list longer than " +
-                       std::to_string(kChangeListMax) + " characters",
-                   &out);
-        }
-        const std::string insert = insert_text(table, columnList, valueList);
-        WRITE_TRACE(3, "%s", insert.c_str());
-        std::fputs(insert.c_str(), out.stream());
-        std::fputc('\n', out.stream());
+    if (in) {
+        write_inserts(in.get(), out, table, file, keys);
     }
-    for (std::size_t d = 0; d < deletions.size() && tracing(2); ++d) {
-        WRITE_TRACE(2, "<delete_entry> szColumn: %s", deletions[d].c_str());
-        WRITE_TRACE(2, "<delete_entry> %d entries deleted", deleted[d]);
+    for (std::size_t d = 0; d < keys.deletions.size() && tracing(2); ++d) {
+        WRITE_TRACE(2, "<delete_entry> szColumn: %s", keys.deletions[d].c_str());
+        WRITE_TRACE(2, "<delete_entry> %d entries deleted", keys.deleted[d]);
     }
     in.reset();
     if (!out.commit()) {
