@@ -102,6 +102,11 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
     const std::string id(cpId);
     const std::string sql(cpSqlCmd);
     WRITE_TRACE(1, "+++ PGSQL_DO_SQL   %s  %s ", id.c_str(), sql.c_str());
+    // Whatever way the dump fails, no image of the table may be left for a
+    // later import to load: not even an older one. Success writes it anew.
+    if (const std::string image = table_image_path(id); !image.empty()) {
+        std::remove(image.c_str());
+    }
     const auto fail = [&](const std::string& msg) {
         cpMsg = msg;
         WRITE_TRACE(1, "--- PGSQL_DO_SQL Return 0: %s  %s ", sql.c_str(), cpMsg.c_str());
