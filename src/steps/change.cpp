@@ -32,11 +32,9 @@ std::string joined(const std::vector<std::string>& list, std::size_t from) {
     return text;
 }
 
-// Ends the run; the image stays as it was (`out`, when given, is dropped).
-[[noreturn]] void refuse(std::string_view table, const std::string& why, AtomicFile* out = nullptr) {
-    if (out != nullptr) {
-        out->discard();
-    }
+// Ends the run; the image stays as it was (a new image being written goes
+// with its owner on the way out).
+[[noreturn]] void refuse(std::string_view table, const std::string& why) {
     std::string msg = "db_change: ";
     msg.append(why).append("; table ").append(table).append(" not changed");
     FINISH(RV_ERROR, msg);
@@ -233,7 +231,7 @@ void write_inserts(std::FILE* in, AtomicFile& out, const std::string& table,
         }
         if (!iRead_columns_and_values(line, row, why)) {
             std::fflush(stdout);
-            refuse(table, "line " + std::to_string(number) + " of " + file + " " + why, &out);
+            refuse(table, "line " + std::to_string(number) + " of " + file + " " + why);
         }
         apply_changes(row, keys);
         if (row.columns.empty()) {
@@ -243,8 +241,7 @@ void write_inserts(std::FILE* in, AtomicFile& out, const std::string& table,
         if (columnList.size() > kChangeListMax || valueList.size() > kChangeListMax) {
             refuse(table,
                    "line " + std::to_string(number) + " of " + file + " makes a column or value list longer than " +
-                       std::to_string(kChangeListMax) + " characters",
-                   &out);
+                       std::to_string(kChangeListMax) + " characters");
         }
         const std::string insert = insert_text(table, columnList, valueList);
         WRITE_TRACE(3, "%s", insert.c_str());

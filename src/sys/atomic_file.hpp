@@ -26,11 +26,10 @@ public:
     // errno then tells why.
     bool commit();
 
-    // Closes and removes the temporary file now; the target stays as it was.
-    // For paths that end the process, where no destructor runs.
+private:
+    // Closes and removes the temporary file; the target stays as it was.
     void discard();
 
-private:
     std::string target_;
     std::string temp_;
     std::FILE* fp_ = nullptr;
