@@ -8,8 +8,8 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace rv {
 
@@ -117,6 +117,94 @@ void cancel_running_statement() {
     }
 }
 
+// Takes the answers to the statement sent into `res`: the last one counts,
+// but an error is kept; a copy answer ends the statement's answers.
+void collect_results() {
+    while (true) {
+        while (PQisBusy(conn)) {
+            if (!wait_for_server(false) || !PQconsumeInput(conn)) {
+                break;
+            }
+        }
+        PGresult* next = PQgetResult(conn);
+        if (next == nullptr) {
+            return;
+        }
+        if (is_error(res) && res != nullptr) {
+            PQclear(next);
+        } else {
+            clear_result();
+            res = next;
+        }
+        if (is_copy(res)) {
+            return;
+        }
+    }
+}
+
+// The text of a report after "PERROR" and the blanks and colons behind it.
+const char* perror_format(const char* format) {
+    const char* rest = format + sizeof kPerror - 1;
+    return rest + std::strspn(rest, " :");
+}
+
+bool is_perror(const char* format) {
+    return std::strncmp(format, kPerror, sizeof kPerror - 1) == 0;
+}
+
+// Writes halt's report on standard error.
+__attribute__((format(printf, 1, 0))) void report(const char* format, std::va_list args,
+                                                   int error) {
+    if (is_perror(format)) {
+        std::vfprintf(stderr, perror_format(format), args);
+        errno = error;
+        std::perror("");
+    } else {
+        std::vfprintf(stderr, format, args);
+    }
+    std::fflush(stderr);
+}
+
+// The text `report` writes.
+__attribute__((format(printf, 1, 0))) std::string report_text(const char* format,
+                                                              std::va_list args, int error) {
+    const bool perror = is_perror(format);
+    std::va_list measure;
+    va_copy(measure, args);
+    const char* text_format = perror ? perror_format(format) : format;
+    const int size = std::vsnprintf(nullptr, 0, text_format, measure);
+    va_end(measure);
+    std::string text(static_cast<std::size_t>(size > 0 ? size : 0), '\0');
+    std::vsnprintf(text.data(), text.size() + 1, text_format, args);
+    if (perror) {
+        text.append(std::strerror(error)).append("\n");
+    }
+    return text;
+}
+
+// Resets the first clean-up handler installed for one of kCleanupSignals to
+// the default action and calls it with 0; ignored signals are passed over.
+// Returns when there is none, or when it returns.
+void call_cleanup_handler() {
+    for (const int signo : kCleanupSignals) {
+        struct sigaction previous {};
+        if (sigaction(signo, nullptr, &previous) != 0) {
+            continue;
+        }
+        const bool info = (previous.sa_flags & SA_SIGINFO) != 0;
+        if (!info && (previous.sa_handler == SIG_DFL || previous.sa_handler == SIG_IGN)) {
+            continue;
+        }
+        std::signal(signo, SIG_DFL);
+        if (info) {
+            previous.sa_sigaction(0, nullptr, nullptr);
+        } else {
+            previous.sa_handler(0);
+        }
+        return;
+    }
+}
+
 }  // namespace
 
 void let_through_while_waiting(std::initializer_list<int> signals) {
@@ -155,27 +243,7 @@ PGresult* doquery(const char* query) {
     // signal can come only while waiting, with every result already in `res`
     // and the statement's state in the connection.
     if (PQsendQuery(conn, query)) {
-        while (true) {
-            while (PQisBusy(conn)) {
-                if (!wait_for_server(false) || !PQconsumeInput(conn)) {
-                    break;
-                }
-            }
-            PGresult* next = PQgetResult(conn);
-            if (next == nullptr) {
-                break;
-            }
-            // The last result counts, but an error is kept.
-            if (is_error(res) && res != nullptr) {
-                PQclear(next);
-            } else {
-                clear_result();
-                res = next;
-            }
-            if (is_copy(res)) {
-                break;
-            }
-        }
+        collect_results();
     }
     if (is_error(res)) {
         if (res != nullptr) {
@@ -203,37 +271,20 @@ void release_session() {
 }
 
 void halt(const char* format, ...) {
+    // Nothing with a destructor may live here while the clean-up handler
+    // runs: it may jump away.
+    const int error = errno;
     std::va_list args;
     va_start(args, format);
-    if (std::strncmp(format, kPerror, sizeof kPerror - 1) == 0) {
-        const char* rest = format + sizeof kPerror - 1;
-        rest += std::strspn(rest, " :");
-        std::vfprintf(stderr, rest, args);
-        std::perror("");
-    } else {
-        std::vfprintf(stderr, format, args);
-    }
+    report(format, args, error);
     va_end(args);
-    std::fflush(stderr);
+    call_cleanup_handler();
 
-    for (const int signo : kCleanupSignals) {
-        struct sigaction previous {};
-        if (sigaction(signo, nullptr, &previous) != 0) {
-            continue;
-        }
-        const bool info = (previous.sa_flags & SA_SIGINFO) != 0;
-        if (!info && (previous.sa_handler == SIG_DFL || previous.sa_handler == SIG_IGN)) {
-            continue;
-        }
-        std::signal(signo, SIG_DFL);
-        if (info) {
-            previous.sa_sigaction(0, nullptr, nullptr);
-        } else {
-            previous.sa_handler(0);
-        }
-        break;
-    }
-    std::exit(1);
+    // Nobody jumped away: the caller gets the report as an exception.
+    va_start(args, format);
+    std::string text = report_text(format, args, error);
+    va_end(args);
+    throw SessionHalted(text);
 }
 
 void PgConnCloser::operator()(PGconn* c) const {

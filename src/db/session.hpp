@@ -2,7 +2,8 @@
 // and one current result in module globals, so that a caller connects, runs
 // a statement and disconnects with one call each. Every error ends in halt,
 // which hands control to the first installed clean-up handler; the database
-// access jumps back from there (see db/access.hpp).
+// access jumps back from there (see db/access.hpp). Without a handler, halt
+// throws SessionHalted.
 //
 // Jump discipline: a jump can leave connectdb and doquery in two ways: from
 // halt (its clean-up handler may jump), or from the handler of a signal that
@@ -16,6 +17,7 @@
 
 #include <initializer_list>
 #include <memory>
+#include <stdexcept>
 
 // The client library's handle types, without its header.
 typedef struct pg_conn PGconn;
@@ -49,12 +51,21 @@ void disconnectdb();
 // server is cancelled and its answer taken first. Safe to call at any time.
 void release_session();
 
-// Reports on standard error and ends: a format that begins with "PERROR"
-// prints what follows the blanks and colons behind that word, then the
-// system error text. Then the first clean-up handler installed for SIGTERM,
-// SIGHUP, SIGINT or SIGQUIT (in this order) is reset to the default action
-// and called with 0; without one, or when it returns, the process exits with
-// status 1. Ignored signals are passed over and stay ignored.
+// What halt throws when no clean-up handler took control: what() is the
+// text halt wrote on standard error.
+class SessionHalted : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Reports on standard error and hands control on: a format that begins with
+// "PERROR" prints what follows the blanks and colons behind that word, then
+// the system error text. Then the first clean-up handler installed for
+// SIGTERM, SIGHUP, SIGINT or SIGQUIT (in this order) is reset to the default
+// action and called with 0. Ignored signals are passed over and stay
+// ignored. Only without such a handler, or when it returns, halt throws
+// SessionHalted: so only where no jump target is active. Inside the database
+// access the SIGQUIT handler is always installed and jumps back.
 [[noreturn]] void halt(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Owning holders for code that no jump crosses.
