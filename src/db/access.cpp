@@ -26,7 +26,8 @@
 // halt calls it after the session layer reported a failed connection or
 // statement, and when a SIGQUIT comes in. The frames that a jump crosses must
 // hold only objects without destructors, or their memory is lost. So:
-//  - SIGQUIT is blocked for the whole call. The session layer lets it through
+//  - SIGQUIT is blocked for the whole call (run_shielded, the frame above
+//    run_guarded, sets that up). The session layer lets it through
 //    only while it waits for the server's socket (connecting, and waiting for
 //    the statement's answer), and run_guarded once more at the very end, so
 //    that a SIGQUIT that came while it was blocked still makes the statement
@@ -42,6 +43,10 @@
 // Everything that builds strings (tracing, the environment set-up, turning a
 // result into a record list or an export text) runs while SIGQUIT is blocked
 // and no call can halt.
+// Nor does halt's exception cross run_guarded: halt throws only when it
+// finds no clean-up handler, and here it always finds signal_psql_handler
+// (SIGTERM and SIGINT are at their default action during the call, and the
+// programs do not catch SIGHUP).
 
 namespace rv {
 
@@ -118,6 +123,182 @@ int run_guarded(const char* statement, const std::span<const std::size_t>& accen
     return ok ? 1 : 0;
 }
 
+// Position just behind the opening quote of an assignment "='" or "= '"
+// that begins at `pos`; 0 when none begins there.
+std::size_t assigned_literal_at(const std::string& s, std::size_t pos) {
+    if (s.compare(pos, 2, "='") == 0) {
+        return pos + 2;
+    }
+    if (s.compare(pos, 3, "= '") == 0) {
+        return pos + 3;
+    }
+    return 0;
+}
+
+// Where the item of a literal starting at `start` ends: at the next "=",
+// else at "where", else at the end of the statement.
+std::size_t item_end(const std::string& s, std::size_t start) {
+    std::size_t end = s.find('=', start);
+    if (end == std::string::npos) {
+        end = s.find("where", start);
+    }
+    return end == std::string::npos ? s.size() : end;
+}
+
+// Turns every quote from `candidate` up to `end` into the accent and puts the
+// last one back as the closing quote. `start` moves on by one per quote;
+// `changed` is set when more than the closing quote was found.
+void accent_quotes(std::string& s, std::size_t& start, std::size_t candidate, std::size_t end,
+                   std::vector<std::size_t>* pAccents, bool& changed) {
+    std::size_t last = std::string::npos;
+    for (std::size_t quote = candidate; quote != std::string::npos && quote < end;
+         quote = s.find('\'', start)) {
+        s[quote] = kLatin1Accent;
+        WRITE_TRACE(3, "in while: change quote: %s", s.c_str() + quote);
+        if (pAccents != nullptr) {
+            pAccents->push_back(quote);
+        }
+        last = quote;
+        ++start;
+    }
+    if (last == std::string::npos) {
+        return;
+    }
+    s[last] = '\'';
+    if (pAccents != nullptr) {
+        pAccents->pop_back();
+    }
+    WRITE_TRACE(3, "reset last quote: %s", s.c_str() + last);
+    if (last != candidate) {
+        WRITE_TRACE(1, "Warning: CLEANUP_QUOTA: exchanged extra ' in SQL statement");
+        changed = true;
+    }
+}
+
+// The stray apostrophes inside the literals an update assigns; true when one
+// was replaced.
+bool repair_assigned_literals(std::string& s, std::vector<std::size_t>* pAccents) {
+    bool changed = false;
+    std::size_t pos = 0;
+    while (s.size() > 1 && pos < s.size() - 1) {
+        std::size_t start = assigned_literal_at(s, pos);
+        if (start == 0) {
+            ++pos;
+            continue;
+        }
+        WRITE_TRACE(3, "found begin quote: %s", s.c_str() + start);
+        const std::size_t candidate = s.find('\'', start);
+        if (candidate == std::string::npos) {
+            pos = start;
+            continue;
+        }
+        WRITE_TRACE(3, "found next quote: %s", s.c_str() + candidate);
+        const std::size_t end = item_end(s, start);
+        WRITE_TRACE(3, "check until next item: %s", s.c_str() + end);
+        accent_quotes(s, start, candidate, end, pAccents, changed);
+        pos = start + 1;
+    }
+    return changed;
+}
+
+// A double quote inside any literal becomes "_"; true when one did.
+bool replace_double_quotes_in_literals(std::string& s) {
+    bool changed = false;
+    bool inside = false;
+    for (char& c : s) {
+        if (c == '\'') {
+            inside = !inside;
+        } else if (c == '"' && inside) {
+            c = '_';
+            WRITE_TRACE(1, "Warning: CLEANUP_QUOTA: removed extra \" in SQL statement");
+            changed = true;
+        }
+    }
+    return changed;
+}
+
+// Lower-cases the statement and repairs its quotes; `accents` receives the
+// positions of the accents put in.
+void clean_statement(std::string& statement, std::vector<std::size_t>& accents) {
+    SQL_LOWERCASE(statement);
+    if (!CLEANUP_QUOTA(statement, &accents)) {
+        WRITE_TRACE(1, "WARNING: cpSqlCmd was changed to: %s", statement.c_str());
+    }
+}
+
+// A statement that does not fit is refused: a cut one could run as a
+// different statement. An accent may take two bytes on the way.
+bool statement_fits(const std::string& statement, std::size_t accents, std::string& cpMsg) {
+    if (statement.size() + accents <= kSqlStatementMax) {
+        return true;
+    }
+    cpMsg = "DB_ACCESS: statement of " + std::to_string(statement.size()) + " bytes refused, at most " +
+            std::to_string(kSqlStatementMax) + " bytes can be sent";
+    std::fprintf(stderr, "%s\n", cpMsg.c_str());
+    WRITE_TRACE(1, "--- DB_ACCESS returns 0  msg=%s", cpMsg.c_str());
+    return false;
+}
+
+// Runs the cleaned statement through run_guarded with SIGINT and SIGTERM at
+// their default action and SIGQUIT blocked but for the waits for the server;
+// restores SIGINT and SIGTERM afterwards. run_guarded's answer.
+int run_shielded(const char* statement, const std::vector<std::size_t>& accents, char cExportFlg,
+                 std::string& cpMsg, DB_REC_LIS* pRL) {
+    set_action(SIGINT, SIG_DFL, &old_SIGINT_action);
+    set_action(SIGTERM, SIG_DFL, &old_SIGTERM_action);
+    sigset_t quit;
+    sigset_t entry_mask;
+    sigemptyset(&quit);
+    sigaddset(&quit, SIGQUIT);
+    sigprocmask(SIG_BLOCK, &quit, &entry_mask);
+    let_through_while_waiting({SIGQUIT});
+
+    const int result = run_guarded(statement, accents, cExportFlg, cpMsg, pRL, &entry_mask);
+
+    sigaction(SIGINT, &old_SIGINT_action, nullptr);
+    sigaction(SIGTERM, &old_SIGTERM_action, nullptr);
+    return result;
+}
+
+// The export text of a select: its rows as INSERT lines into the table it
+// reads. `cpMsg` gets the table name, or the reason why there is none.
+bool export_rows(PGresult* result, const char* statement, std::string& cpMsg, DB_REC_LIS* pRL) {
+    std::string table = select_table(statement);
+    if (table.ends_with(';')) {
+        table.pop_back();
+    }
+    if (table.empty()) {
+        cpMsg = "PSQL_DO_SQL: no table name (no \" from \") for the export text of: ";
+        cpMsg += statement;
+        return false;
+    }
+    if (table.size() > kTableNameMax) {
+        // A cut name would send the rows into another table.
+        cpMsg = "PSQL_DO_SQL: table name " + table + " longer than " + std::to_string(kTableNameMax) +
+                " characters for the export text";
+        return false;
+    }
+    cpMsg = table;
+    return iPSQL_MAKE_EXPORT_FILE(result, cpMsg, pRL);
+}
+
+// Turns the server's answer to `statement` into `cpMsg` and the record list.
+bool take_answer(PGresult* result, const char* statement, bool select, char cExportFlg,
+                 std::string& cpMsg, DB_REC_LIS* pRL) {
+    if (!select) {
+        cpMsg = PQcmdTuples(result);
+        return true;
+    }
+    switch (sql_form(statement, cExportFlg == 'y')) {
+        case SqlForm::calculated:
+            return iPSQL_GET_CALCULATED_VALUE(result, cpMsg);
+        case SqlForm::export_text:
+            return export_rows(result, statement, cpMsg, pRL);
+        default:
+            return iPSQL_MAKE_DB_REC_LIS(result, cpMsg, pRL);
+    }
+}
+
 // E002 for the first record of a list, E004 for a further one.
 void protocol_no_memory(bool first, const std::string& szId) {
     switch (eLang) {
@@ -189,71 +370,12 @@ void SQL_LOWERCASE(std::string& cpSqlCmd) {
 }
 
 bool CLEANUP_QUOTA(std::string& cpSqlCmd, std::vector<std::size_t>* pAccents) {
-    std::string& s = cpSqlCmd;
     bool changed = false;
-    if (s.starts_with("update")) {
-        std::size_t pos = 0;
-        while (s.size() > 1 && pos < s.size() - 1) {
-            std::size_t start = 0;
-            if (s.compare(pos, 2, "='") == 0) {
-                start = pos + 2;
-            } else if (s.compare(pos, 3, "= '") == 0) {
-                start = pos + 3;
-            } else {
-                ++pos;
-                continue;
-            }
-            WRITE_TRACE(3, "found begin quote: %s", s.c_str() + start);
-            const std::size_t candidate = s.find('\'', start);
-            if (candidate == std::string::npos) {
-                pos = start;
-                continue;
-            }
-            WRITE_TRACE(3, "found next quote: %s", s.c_str() + candidate);
-            std::size_t end = s.find('=', start);
-            if (end == std::string::npos) {
-                end = s.find("where", start);
-            }
-            if (end == std::string::npos) {
-                end = s.size();
-            }
-            WRITE_TRACE(3, "check until next item: %s", s.c_str() + end);
-            // Every quote up to the item's end becomes the accent; the last one
-            // is then put back as the closing quote.
-            std::size_t last = std::string::npos;
-            for (std::size_t quote = candidate; quote != std::string::npos && quote < end;
-                 quote = s.find('\'', start)) {
-                s[quote] = kLatin1Accent;
-                WRITE_TRACE(3, "in while: change quote: %s", s.c_str() + quote);
-                if (pAccents != nullptr) {
-                    pAccents->push_back(quote);
-                }
-                last = quote;
-                ++start;
-            }
-            if (last != std::string::npos) {
-                s[last] = '\'';
-                if (pAccents != nullptr) {
-                    pAccents->pop_back();
-                }
-                WRITE_TRACE(3, "reset last quote: %s", s.c_str() + last);
-                if (last != candidate) {
-                    WRITE_TRACE(1, "Warning: CLEANUP_QUOTA: exchanged extra ' in SQL statement");
-                    changed = true;
-                }
-            }
-            pos = start + 1;
-        }
+    if (cpSqlCmd.starts_with("update")) {
+        changed = repair_assigned_literals(cpSqlCmd, pAccents);
     }
-    bool inside = false;
-    for (char& c : s) {
-        if (c == '\'') {
-            inside = !inside;
-        } else if (c == '"' && inside) {
-            c = '_';
-            WRITE_TRACE(1, "Warning: CLEANUP_QUOTA: removed extra \" in SQL statement");
-            changed = true;
-        }
+    if (replace_double_quotes_in_literals(cpSqlCmd)) {
+        changed = true;
     }
     return !changed;
 }
@@ -318,7 +440,6 @@ void signal_psql_handler(int /*signo*/) {
 
 bool iPSQL_DO_SQL(const char* cpSqlCmd, char cExportFlg, std::string& cpMsg, DB_REC_LIS* pRL, std::span<const std::size_t> accents) {
     // Inside the jump region up to doquery: nothing with a destructor here.
-    bool ok = true;
     WRITE_TRACE(2, "+++ PSQL_DO_SQL psql_lib id=%s  SQL=%s",
                 pRL != nullptr ? pRL->szId.c_str() : "", cpSqlCmd);
     if (pRL != nullptr) {
@@ -336,38 +457,7 @@ bool iPSQL_DO_SQL(const char* cpSqlCmd, char cExportFlg, std::string& cpMsg, DB_
     PGresult* const result = doquery(statement.data());
 
     // No jump can come from here on: SIGQUIT is held back and nothing halts.
-    if (!select) {
-        cpMsg = PQcmdTuples(result);
-    } else {
-        switch (sql_form(statement.data(), cExportFlg == 'y')) {
-            case SqlForm::calculated:
-                ok = iPSQL_GET_CALCULATED_VALUE(result, cpMsg);
-                break;
-            case SqlForm::export_text: {
-                std::string table = select_table(statement.data());
-                if (table.ends_with(';')) {
-                    table.pop_back();
-                }
-                if (table.empty()) {
-                    cpMsg = "PSQL_DO_SQL: no table name (no \" from \") for the export text of: ";
-                    cpMsg += statement.data();
-                    ok = false;
-                } else if (table.size() > kTableNameMax) {
-                    // A cut name would send the rows into another table.
-                    cpMsg = "PSQL_DO_SQL: table name " + table + " longer than " + std::to_string(kTableNameMax) +
-                            " characters for the export text";
-                    ok = false;
-                } else {
-                    cpMsg = table;
-                    ok = iPSQL_MAKE_EXPORT_FILE(result, cpMsg, pRL);
-                }
-                break;
-            }
-            default:
-                ok = iPSQL_MAKE_DB_REC_LIS(result, cpMsg, pRL);
-                break;
-        }
-    }
+    const bool ok = take_answer(result, statement.data(), select, cExportFlg, cpMsg, pRL);
     disconnectdb();
     WRITE_TRACE(2, "--- PSQL_DO_SQL  returns %d  msg=%s", ok ? 1 : 0, cpMsg.c_str());
     return ok;
@@ -388,18 +478,9 @@ bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL) 
     }
     WRITE_TRACE(1, "+++ DB_ACCESS id=%s  SQL=%s", pRL != nullptr ? pRL->szId.c_str() : "NULL", copy.c_str());
     WRITE_TRACE(2, "%s", kVersionId);
-    SQL_LOWERCASE(copy);
-    if (!CLEANUP_QUOTA(copy, &accents)) {
-        WRITE_TRACE(1, "WARNING: cpSqlCmd was changed to: %s", copy.c_str());
-    }
+    clean_statement(copy, accents);
     const char cExportFlg = cpMsg == "export" ? 'y' : 'n';
-    // A statement that does not fit is refused: a cut one could run as a
-    // different statement. An accent may take two bytes on the way.
-    if (copy.size() + accents.size() > kSqlStatementMax) {
-        cpMsg = "DB_ACCESS: statement of " + std::to_string(copy.size()) + " bytes refused, at most " +
-                std::to_string(kSqlStatementMax) + " bytes can be sent";
-        std::fprintf(stderr, "%s\n", cpMsg.c_str());
-        WRITE_TRACE(1, "--- DB_ACCESS returns 0  msg=%s", cpMsg.c_str());
+    if (!statement_fits(copy, accents.size(), cpMsg)) {
         return false;
     }
     if (cExportFlg == 'n') {
@@ -407,20 +488,7 @@ bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL) 
     }
     i_setenv_ravik("pgsql");
 
-    set_action(SIGINT, SIG_DFL, &old_SIGINT_action);
-    set_action(SIGTERM, SIG_DFL, &old_SIGTERM_action);
-    sigset_t quit;
-    sigset_t entry_mask;
-    sigemptyset(&quit);
-    sigaddset(&quit, SIGQUIT);
-    sigprocmask(SIG_BLOCK, &quit, &entry_mask);
-    let_through_while_waiting({SIGQUIT});
-
-    const int result =
-        run_guarded(copy.c_str(), accents, cExportFlg, cpMsg, pRL, &entry_mask);
-
-    sigaction(SIGINT, &old_SIGINT_action, nullptr);
-    sigaction(SIGTERM, &old_SIGTERM_action, nullptr);
+    const int result = run_shielded(copy.c_str(), accents, cExportFlg, cpMsg, pRL);
     if (result == kJumped) {
         return false;
     }
