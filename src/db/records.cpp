@@ -50,6 +50,52 @@ void trace_column_names(const PGresult* res) {
     }
 }
 
+// The memory a record of `row` was once given: per column its name, "=",
+// its value and kRecordSlack.
+std::size_t record_size(const PGresult* res, int row) {
+    std::size_t size = 0;
+    for (int col = 0; col < PQnfields(res); ++col) {
+        const std::size_t value = PQgetisnull(res, row, col)
+                                      ? kNull.size()
+                                      : static_cast<std::size_t>(PQgetlength(res, row, col));
+        size += std::string_view(PQfname(res, col)).size() + 1 + kRecordSlack + value;
+    }
+    return size;
+}
+
+void protocol_no_memory(const std::string& szId, std::size_t size) {
+    switch (eLang) {
+        case LANG_DE:
+            PROT("E011-DATABAS %s %s: kann keine Memory allokieren  ( %zu Bytes)",
+                 "PSQL_MAKE_REC_LIS", szId.c_str(), size);
+            break;
+        case LANG_BA:
+            PROT("E011-DATABAS %s %s: ko koan Memory allokieren ( %zu Bytes )",
+                 "PSQL_MAKE_REC_LIS", szId.c_str(), size);
+            break;
+        default:
+            PROT("E011-DATABAS %s %s: cannot allocate memory  ( %zu Bytes)",
+                 "PSQL_MAKE_REC_LIS", szId.c_str(), size);
+            break;
+    }
+}
+
+// Appends the record of `row` to the list (the first one starts it afresh).
+bool add_record(const PGresult* res, int row, std::string& cpMsg, DB_REC_LIS* pRL) {
+    const std::size_t size = record_size(res, row);
+    WRITE_TRACE(2, "Record size %zu", size);
+    try {
+        const std::string text = record_text(res, row);
+        WRITE_TRACE(3, "Value: %s", text.c_str());
+        return row == 0 ? iDB_SEL_FIRST(pRL, text) : iDB_SEL_ALLOC(pRL, text);
+    } catch (const std::bad_alloc&) {
+        cpMsg = "cannot allocate memory  ( " + std::to_string(size) + " bytes)";
+        WRITE_TRACE(2, "--- PSQL_MAKE_DB_REC_LIS  error: %s", cpMsg.c_str());
+        protocol_no_memory(pRL->szId, size);
+        return false;
+    }
+}
+
 }  // namespace
 
 std::string record_text(const PGresult* res, int row) {
@@ -112,39 +158,7 @@ bool iPSQL_MAKE_DB_REC_LIS(const PGresult* res, std::string& cpMsg, DB_REC_LIS* 
     WRITE_TRACE(3, "read the values");
     const int rows = PQntuples(res);
     for (int row = 0; pRL != nullptr && row < rows; ++row) {
-        std::size_t size = 0;
-        for (int col = 0; col < PQnfields(res); ++col) {
-            const std::size_t value = PQgetisnull(res, row, col)
-                                          ? kNull.size()
-                                          : static_cast<std::size_t>(PQgetlength(res, row, col));
-            size += std::string_view(PQfname(res, col)).size() + 1 + kRecordSlack + value;
-        }
-        WRITE_TRACE(2, "Record size %zu", size);
-        try {
-            const std::string text = record_text(res, row);
-            WRITE_TRACE(3, "Value: %s", text.c_str());
-            const bool added =
-                row == 0 ? iDB_SEL_FIRST(pRL, text) : iDB_SEL_ALLOC(pRL, text);
-            if (!added) {
-                return false;
-            }
-        } catch (const std::bad_alloc&) {
-            cpMsg = "cannot allocate memory  ( " + std::to_string(size) + " bytes)";
-            WRITE_TRACE(2, "--- PSQL_MAKE_DB_REC_LIS  error: %s", cpMsg.c_str());
-            switch (eLang) {
-                case LANG_DE:
-                    PROT("E011-DATABAS %s %s: kann keine Memory allokieren  ( %zu Bytes)",
-                         "PSQL_MAKE_REC_LIS", szId.c_str(), size);
-                    break;
-                case LANG_BA:
-                    PROT("E011-DATABAS %s %s: ko koan Memory allokieren ( %zu Bytes )",
-                         "PSQL_MAKE_REC_LIS", szId.c_str(), size);
-                    break;
-                default:
-                    PROT("E011-DATABAS %s %s: cannot allocate memory  ( %zu Bytes)",
-                         "PSQL_MAKE_REC_LIS", szId.c_str(), size);
-                    break;
-            }
+        if (!add_record(res, row, cpMsg, pRL)) {
             return false;
         }
     }
