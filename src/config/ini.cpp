@@ -71,8 +71,12 @@ std::string cut(std::string_view value, std::size_t iLengthValue) {
 }
 
 Lookup lookup(std::string_view file, std::string_view section, std::string_view key, std::string& value,
-              std::string& msg, std::size_t iLengthValue, int depth) {
-    msg.clear();
+              std::string& msg, std::size_t iLengthValue, int depth);
+
+// Refuses a lookup before the file is read: no file, a name too long, or
+// references nested too deeply. Lookup::found when the lookup may go on.
+Lookup check_request(std::string_view file, std::string_view section, std::string_view key, int depth,
+                     std::string& msg) {
     if (file.empty()) {
         msg = "i_GetPrivateProfileString: FILE NOT FOUND OR ACCESS PROBLEM.";
         return Lookup::failed;
@@ -89,21 +93,18 @@ Lookup lookup(std::string_view file, std::string_view section, std::string_view 
         msg = "i_GetPrivateProfileString: REFERENCE NESTED TOO DEEPLY: " + std::string(key);
         return Lookup::too_deep;
     }
+    return Lookup::found;
+}
 
-    const std::string filename(file);
-    FilePtr fp(std::fopen(filename.c_str(), "r"));
-    if (!fp) {
-        msg = "i_GetPrivateProfileString: FILE NOT FOUND OR ACCESS PROBLEM: " + filename + ".";
-        return Lookup::failed;
-    }
+enum class Scan { key_found, section_missing, section_ended, key_missing };
 
-    enum { before_section, in_section, whole_file, key_found } state =
-        section.empty() ? whole_file : before_section;
+// Reads `fp` up to the line of `key` in `section` ("" for the whole file);
+// that line is left in `line`.
+Scan scan_for_key(std::FILE* fp, std::string_view section, std::string_view key, std::string& line) {
+    enum { before_section, in_section, whole_file } state = section.empty() ? whole_file : before_section;
     const std::string wantedSection = lowered(section);
     const std::string wantedKey = lowered(key) + "=";
-
-    std::string line;
-    while (state != key_found && read_piece(fp.get(), line)) {
+    while (read_piece(fp, line)) {
         if (line.empty() || line[0] == '#') {
             continue;
         }
@@ -112,49 +113,81 @@ Lookup lookup(std::string_view file, std::string_view section, std::string_view 
             continue;
         }
         if (state == in_section && line[0] == '[') {
-            msg = "i_GetPrivateProfileString: KEY NOT FOUND " + std::string(section) + std::string(key);
-            return Lookup::failed;
+            return Scan::section_ended;
         }
         if ((state == in_section || state == whole_file) && starts_with_nocase(line, wantedKey)) {
-            state = key_found;
+            return Scan::key_found;
         }
     }
-    fp.reset();
+    return state == before_section ? Scan::section_missing : Scan::key_missing;
+}
 
-    if (state == before_section) {
-        msg = "i_GetPrivateProfileString: SECTION NOT FOUND: " + wantedSection + ".";
+// Finds the line of the key in the file; `msg` says why there is none.
+Lookup find_key_line(std::string_view file, std::string_view section, std::string_view key,
+                     std::string& line, std::string& msg) {
+    const std::string filename(file);
+    FilePtr fp(std::fopen(filename.c_str(), "r"));
+    if (!fp) {
+        msg = "i_GetPrivateProfileString: FILE NOT FOUND OR ACCESS PROBLEM: " + filename + ".";
         return Lookup::failed;
     }
-    if (state != key_found) {
-        msg = "i_GetPrivateProfileString: KEY NOT FOUND: " + std::string(key);
-        return Lookup::failed;
+    switch (scan_for_key(fp.get(), section, key, line)) {
+        case Scan::key_found:
+            return Lookup::found;
+        case Scan::section_ended:
+            msg = "i_GetPrivateProfileString: KEY NOT FOUND " + std::string(section) + std::string(key);
+            break;
+        case Scan::section_missing:
+            msg = "i_GetPrivateProfileString: SECTION NOT FOUND: " + lowered(section) + ".";
+            break;
+        case Scan::key_missing:
+            msg = "i_GetPrivateProfileString: KEY NOT FOUND: " + std::string(key);
+            break;
     }
+    return Lookup::failed;
+}
 
-    std::string found = line.substr(line.find('=') + 1);
-    trim_trailing_blanks(found);
-
-    // Only the first reference is replaced; the referenced value has been
-    // resolved by its own lookup. A "%(" without ")" is plain text.
-    const auto open = found.find("%(");
-    if (open != std::string::npos) {
-        const auto close = found.find(')', open + 2);
-        if (close != std::string::npos) {
-            const std::string name = found.substr(open + 2, close - open - 2);
-            std::string referenced;
-            Lookup result = lookup(file, section, name, referenced, msg, iLengthValue, depth + 1);
-            // The fallback would repeat the very same lookup when the section
-            // already is [DEFAULT].
-            if (result == Lookup::failed && section != kDefaultSection) {
-                result = lookup(file, kDefaultSection, name, referenced, msg, iLengthValue, depth + 1);
-            }
-            if (result != Lookup::found) {
-                return result;
-            }
-            found = found.substr(0, open) + referenced + found.substr(close + 1);
-        }
+// Replaces the first reference "%(name)" in `text`; the referenced value
+// has been resolved by its own lookup. A "%(" without ")" is plain text.
+Lookup resolve_reference(std::string_view file, std::string_view section, std::string& text,
+                         std::string& msg, std::size_t iLengthValue, int depth) {
+    const auto open = text.find("%(");
+    const auto close = open == std::string::npos ? open : text.find(')', open + 2);
+    if (close == std::string::npos) {
+        return Lookup::found;
     }
+    const std::string name = text.substr(open + 2, close - open - 2);
+    std::string referenced;
+    Lookup result = lookup(file, section, name, referenced, msg, iLengthValue, depth + 1);
+    // The fallback would repeat the very same lookup when the section
+    // already is [DEFAULT].
+    if (result == Lookup::failed && section != kDefaultSection) {
+        result = lookup(file, kDefaultSection, name, referenced, msg, iLengthValue, depth + 1);
+    }
+    if (result == Lookup::found) {
+        text = text.substr(0, open) + referenced + text.substr(close + 1);
+    }
+    return result;
+}
 
-    value = cut(found, iLengthValue);
+Lookup lookup(std::string_view file, std::string_view section, std::string_view key, std::string& value,
+              std::string& msg, std::size_t iLengthValue, int depth) {
+    msg.clear();
+    std::string line;
+    Lookup result = check_request(file, section, key, depth, msg);
+    if (result == Lookup::found) {
+        result = find_key_line(file, section, key, line, msg);
+    }
+    if (result != Lookup::found) {
+        return result;
+    }
+    std::string text = line.substr(line.find('=') + 1);
+    trim_trailing_blanks(text);
+    result = resolve_reference(file, section, text, msg, iLengthValue, depth);
+    if (result != Lookup::found) {
+        return result;
+    }
+    value = cut(text, iLengthValue);
     if (value.empty()) {
         msg = "i_GetPrivateProfileString: KEY VALUE NOT FOUND.";
         return Lookup::failed;
