@@ -91,96 +91,132 @@ bool read_path_key(const char* key, std::string& value, std::string& msg) {
     return i_READ_INI("RV_INI", "[PATHES]", key, value, msg, kSettingSize);
 }
 
-}  // namespace
-
-void set_environment_report(std::FILE* stream) { gReport = stream; }
-
-bool i_setenv_ravik(std::string_view cpSystemCall) {
-    const ProgramClass pc = classify(cpSystemCall);
+// OPENRDA_INI from the root configuration and PGPORT from rv.ini.
+bool export_server_settings(const ProgramClass& pc) {
     std::string value;
     std::string msg;
-
     bool found = i_GET_ROOT_FOR_INI("OPENRDA_INI", value, msg, kSettingSize);
     if (!export_setting("OPENRDA_INI", found, value, pc.database, "key OPENRDA_INI not found in /etc/ravik2000.ini")) {
         return false;
     }
     found = i_READ_INI("RV_INI", "[SERVER]", "gv_port_db", value, msg, kSettingSize);
-    if (!export_setting("PGPORT", found, value, pc.database, "key gv_port_db not found in rv.ini")) {
-        return false;
-    }
+    return export_setting("PGPORT", found, value, pc.database, "key gv_port_db not found in rv.ini");
+}
 
+// The product's directories that a program of the class needs in PATH; one
+// it does not need stays empty.
+struct Directories {
     std::string ro_bin;
-    if (!read_path_key("gv_ro_bin", ro_bin, msg)) {
+    std::string ro_db;
+    std::string ro_pgsql;
+    std::string ro_kvx;
+};
+
+bool read_directories(const ProgramClass& pc, Directories& dirs) {
+    std::string msg;
+    if (!read_path_key("gv_ro_bin", dirs.ro_bin, msg)) {
         return false;
     }
-    std::string ro_kvx;
-    if (pc.media_server && !read_path_key("gv_ro_kvx", ro_kvx, msg)) {
+    if (pc.media_server && !read_path_key("gv_ro_kvx", dirs.ro_kvx, msg)) {
         say("error in i_READ_INI gv_ro_kvx %s\n", msg.c_str());
         return false;
     }
-    std::string ro_db;
-    std::string ro_pgsql;
     if (pc.database) {
-        if (!read_path_key("gv_ro_db", ro_db, msg)) {
+        if (!read_path_key("gv_ro_db", dirs.ro_db, msg)) {
             say("error in i_READ_INI gv_ro_db %s\n", msg.c_str());
             return false;
         }
-        if (!read_path_key("gv_ro_pgsql", ro_pgsql, msg)) {
-            ro_pgsql = kDefaultPgsqlDir;
+        if (!read_path_key("gv_ro_pgsql", dirs.ro_pgsql, msg)) {
+            dirs.ro_pgsql = kDefaultPgsqlDir;
         }
     }
+    return true;
+}
 
+// The length each directory adds to PATH: 0 when it is empty or occurs
+// anywhere in PATH already.
+struct Additions {
+    std::size_t bin;
+    std::size_t db;
+    std::size_t pgsql;
+    std::size_t kvx;
+};
+
+Additions additions(const std::string& path, const Directories& dirs) {
+    auto missing = [&path](const std::string& dir) {
+        return !dir.empty() && path.find(dir) == std::string::npos ? dir.size() : std::size_t{0};
+    };
+    return {missing(dirs.ro_bin), missing(dirs.ro_db), missing(dirs.ro_pgsql), missing(dirs.ro_kvx)};
+}
+
+void report_path_too_long(const std::string& path, const Additions& add) {
+    say("iStrLenRoBin = %zu (0 means that string already in PATH)\n", add.bin);
+    say("iStrLenRoDb  = %zu (0 means that string already in PATH)\n", add.db);
+    say("iStrLenRoPgsql = %zu (0 means that string already in PATH)\n", add.pgsql);
+    say("iStrLenRoKvx = %zu (0 means that string already in PATH)\n", add.kvx);
+    say("iStrLenPath  = %zu\n", path.size());
+    say("iSizeOfPath  = %zu\n", kPathLimit);
+    say("length of string is not sufficient\n");
+}
+
+// Appends the directories that PATH lacks.
+bool extend_path(const Directories& dirs) {
     const char* path_env = std::getenv("PATH");
     if (path_env == nullptr) {
         say("error in getenv PATH\n");
         return false;
     }
     const std::string path(path_env);
-    // A directory is added unless it occurs anywhere in PATH already.
-    auto missing = [&path](const std::string& dir) { return !dir.empty() && path.find(dir) == std::string::npos; };
-    const std::size_t len_bin = missing(ro_bin) ? ro_bin.size() : 0;
-    const std::size_t len_db = missing(ro_db) ? ro_db.size() : 0;
-    const std::size_t len_pgsql = missing(ro_pgsql) ? ro_pgsql.size() : 0;
-    const std::size_t len_kvx = missing(ro_kvx) ? ro_kvx.size() : 0;
-
-    if (len_bin + len_db + len_pgsql + len_kvx > 0) {
-        // The database client directory is not counted here, as it never was.
-        if (path.size() + len_db + len_bin + len_kvx >= kPathLimit) {
-            say("iStrLenRoBin = %zu (0 means that string already in PATH)\n", len_bin);
-            say("iStrLenRoDb  = %zu (0 means that string already in PATH)\n", len_db);
-            say("iStrLenRoPgsql = %zu (0 means that string already in PATH)\n", len_pgsql);
-            say("iStrLenRoKvx = %zu (0 means that string already in PATH)\n", len_kvx);
-            say("iStrLenPath  = %zu\n", path.size());
-            say("iSizeOfPath  = %zu\n", kPathLimit);
-            say("length of string is not sufficient\n");
-            return false;
-        }
-        std::string new_path = path;
-        for (const auto& [dir, len] : {std::pair{&ro_bin, len_bin}, std::pair{&ro_db, len_db},
-                                      std::pair{&ro_pgsql, len_pgsql}, std::pair{&ro_kvx, len_kvx}}) {
-            if (len > 0) {
-                new_path += ":" + *dir;
-            }
-        }
-        if (!set_variable("PATH", new_path, false)) {
-            return false;
+    const Additions add = additions(path, dirs);
+    if (add.bin + add.db + add.pgsql + add.kvx == 0) {
+        return true;
+    }
+    // The database client directory is not counted here, as it never was.
+    if (path.size() + add.db + add.bin + add.kvx >= kPathLimit) {
+        report_path_too_long(path, add);
+        return false;
+    }
+    std::string new_path = path;
+    for (const auto& [dir, len] : {std::pair{&dirs.ro_bin, add.bin}, std::pair{&dirs.ro_db, add.db},
+                                  std::pair{&dirs.ro_pgsql, add.pgsql}, std::pair{&dirs.ro_kvx, add.kvx}}) {
+        if (len > 0) {
+            new_path += ":" + *dir;
         }
     }
+    return set_variable("PATH", new_path, false);
+}
 
-    if (pc.netware) {
-        const char* lib_env = std::getenv("LD_LIBRARY_PATH");
-        say("check LD_LIBRARY_PATH=%s\n", lib_env ? lib_env : "");
-        if (lib_env == nullptr) {
-            say("didn't get LD_LIBRARY_PATH\n");
-        }
-        const std::string lib(lib_env ? lib_env : "");
-        if (lib.find(kNetwareLibDir) == std::string::npos) {
-            const std::string value_lib = lib + ":" + kNetwareLibDir;
-            if (!set_variable("LD_LIBRARY_PATH", value_lib)) {
-                return false;
-            }
-            say("set LD_LIBRARY_PATH=%s\n", value_lib.c_str());
-        }
+// The network client's library directory for its programs.
+bool extend_library_path() {
+    const char* lib_env = std::getenv("LD_LIBRARY_PATH");
+    say("check LD_LIBRARY_PATH=%s\n", lib_env ? lib_env : "");
+    if (lib_env == nullptr) {
+        say("didn't get LD_LIBRARY_PATH\n");
+    }
+    const std::string lib(lib_env ? lib_env : "");
+    if (lib.find(kNetwareLibDir) != std::string::npos) {
+        return true;
+    }
+    const std::string value_lib = lib + ":" + kNetwareLibDir;
+    if (!set_variable("LD_LIBRARY_PATH", value_lib)) {
+        return false;
+    }
+    say("set LD_LIBRARY_PATH=%s\n", value_lib.c_str());
+    return true;
+}
+
+}  // namespace
+
+void set_environment_report(std::FILE* stream) { gReport = stream; }
+
+bool i_setenv_ravik(std::string_view cpSystemCall) {
+    const ProgramClass pc = classify(cpSystemCall);
+    Directories dirs;
+    if (!export_server_settings(pc) || !read_directories(pc, dirs) || !extend_path(dirs)) {
+        return false;
+    }
+    if (pc.netware && !extend_library_path()) {
+        return false;
     }
     std::fflush(gReport);
     return true;
