@@ -4,7 +4,7 @@
 # otherwise the script stops and names what is missing.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ pkg-config libpq-dev libgtest-dev postgresql groff-base "$@")
+packages=(cmake ninja-build g++ pkg-config libpq-dev libgtest-dev postgresql groff-base universal-ctags "$@")
 
 missing=()
 for pkg in "${packages[@]}"; do
