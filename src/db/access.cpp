@@ -225,6 +225,22 @@ void protocol_no_memory(bool first, const std::string& szId) {
     }
 }
 
+void protocol_empty_list(const std::string& szId) {
+    switch (eLang) {
+        case LANG_DE:
+        case LANG_BA:  // no dialect text of its own
+            PROT("E003-DATABAS DB_SEL_ALLOC %s: die Recordsliste ist leer, kann kein neues "
+                 "Element allokieren",
+                 szId.c_str());
+            break;
+        default:
+            PROT("E003-DATABAS DB_SEL_ALLOC %s: the recordlist is empty, cannot allocate a new "
+                 "element.",
+                 szId.c_str());
+            break;
+    }
+}
+
 }  // namespace
 
 bool iDB_SEL_FIRST(DB_REC_LIS* pRL, std::string_view cpData) {
@@ -248,21 +264,7 @@ bool iDB_SEL_ALLOC(DB_REC_LIS* pRL, std::string_view cpData) {
                 pRL->szId.c_str());
     if (pRL->records.empty()) {
         WRITE_TRACE(3, "--- DB_SEL_ALLOC the record-list is empty, cannot allocate a new element");
-        switch (eLang) {
-            case LANG_DE:
-            case LANG_BA:  // no dialect text of its own
-                PROT(
-                    "E003-DATABAS DB_SEL_ALLOC %s: die Recordsliste ist leer, kann kein neues "
-                    "Element allokieren",
-                    pRL->szId.c_str());
-                break;
-            default:
-                PROT(
-                    "E003-DATABAS DB_SEL_ALLOC %s: the recordlist is empty, cannot allocate a new "
-                    "element.",
-                    pRL->szId.c_str());
-                break;
-        }
+        protocol_empty_list(pRL->szId);
         return false;
     }
     try {

@@ -27,6 +27,20 @@ std::string_view piece(std::string_view text, std::size_t pos, std::size_t len) 
     return pos < text.size() ? text.substr(pos, len) : std::string_view();
 }
 
+void protocol_wrong_argument(const std::string& key) {
+    switch (eLang) {
+        case LANG_DE:
+            PROT("E008-DATABAS CONVERT_DATE_TIME: falsches Argument %s", key.c_str());
+            break;
+        case LANG_BA:
+            PROT("E008-DATABAS CONVERT_DATE_TIME: foisches Argument %s", key.c_str());
+            break;
+        default:
+            PROT("E008-DATABAS CONVERT_DATE_TIME: wrong parameter %s", key.c_str());
+            break;
+    }
+}
+
 }  // namespace
 
 std::string& cpDB_DATE(std::string_view input, std::string& output) {
@@ -96,17 +110,7 @@ bool iDB_CONVERT_DATE_TIME(std::string_view cpKeyWord, std::string& cpMsg) {
     } else {
         cpMsg = "wrong function-argument: " + key;
         WRITE_TRACE(2, "--- DB_CONVERT_DATE_TIME returns 0 msg=%s", cpMsg.c_str());
-        switch (eLang) {
-            case LANG_DE:
-                PROT("E008-DATABAS CONVERT_DATE_TIME: falsches Argument %s", key.c_str());
-                break;
-            case LANG_BA:
-                PROT("E008-DATABAS CONVERT_DATE_TIME: foisches Argument %s", key.c_str());
-                break;
-            default:
-                PROT("E008-DATABAS CONVERT_DATE_TIME: wrong parameter %s", key.c_str());
-                break;
-        }
+        protocol_wrong_argument(key);
         return false;
     }
     WRITE_TRACE(2, "--- DB_CONVERT_DATE_TIME  returns 1  msg=%s", cpMsg.c_str());
