@@ -103,16 +103,17 @@ int cmd_db_backup() {
     checkenv(pathes.version_old, pathes.version);
     const char s = pathes.separator;
     const std::string& ro = pathes.root_ravik;
-    run_archive_command("cd " + pathes.var_db + "schema" + s + "ravik" + s + "; [ -f " + ro + "downgrade" + s +
-                        "ravik_db.tar ] || tar -cvf " + ro + "downgrade" + s + "ravik_db.tar .");
+    const std::string archive = shell_quote(ro + "downgrade" + s + "ravik_db.tar");
+    run_archive_command("cd " + shell_quote(pathes.var_db + "schema" + s + "ravik" + s) + "; [ -f " + archive +
+                        " ] || tar -cvf " + archive + " .");
     return 0;
 }
 
 int cmd_db_restore() {
     checkenv(pathes.version_old, pathes.version);
     const char s = pathes.separator;
-    run_archive_command("cd " + pathes.var_db + "schema" + s + "ravik" + s + " ; tar -xvf " + pathes.root_ravik +
-                        "downgrade" + s + "ravik_db.tar .");
+    run_archive_command("cd " + shell_quote(pathes.var_db + "schema" + s + "ravik" + s) + " ; tar -xvf " +
+                        shell_quote(pathes.root_ravik + "downgrade" + s + "ravik_db.tar") + " .");
     return 0;
 }
 

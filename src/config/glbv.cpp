@@ -240,12 +240,4 @@ bool resolve_path(std::string& cpOrigPath) {
     return true;
 }
 
-void SLASH_HAMMER(std::string& cpS) {
-    for (char& c : cpS) {
-        if (c == '\\') {
-            c = '/';
-        }
-    }
-}
-
 }  // namespace rv

@@ -46,7 +46,4 @@ bool resolve_glbv(std::string& file);
 // the key's value; an unknown key leaves the path as it was. Returns true.
 bool resolve_path(std::string& cpOrigPath);
 
-// Turns every backslash in `cpS` into a slash.
-void SLASH_HAMMER(std::string& cpS);
-
 }  // namespace rv

@@ -281,7 +281,8 @@ bool iDB_SEL_ALLOC(DB_REC_LIS* pRL, std::string_view cpData) {
 }
 
 void signal_psql_handler(int /*signo*/) {
-    // See signal_db_handler: write(2), because any stdio call may have been cut.
+    // write(2) rather than stdio: the signal may have come in the middle of
+    // any stdio call. Nothing can be done about a short write here.
     [[maybe_unused]] const ssize_t written =
         write(STDERR_FILENO, kSigquitText, sizeof kSigquitText - 1);
     siglongjmp(gSigenv, kSignalJumpValue);

@@ -22,13 +22,9 @@ extern struct sigaction old_SIGTERM_action;
 // The value sigsetjmp returns when a handler has jumped back.
 inline constexpr int kSignalJumpValue = -1;
 
-// The text both SIGQUIT handlers write to standard error.
+// The text a SIGQUIT that breaks a statement off writes to standard error
+// (the database access's handler, and the dump's wait for its client).
 inline constexpr char kSigquitText[] =
     "signal_psql_handler: SIGQUIT received ----------------DB-ERROR---------------\n";
-
-// SIGQUIT handler around a call of the database client program: writes
-// kSigquitText to standard error and jumps back to gSigenv with
-// kSignalJumpValue. Never returns.
-[[noreturn]] void signal_db_handler(int signo);
 
 }  // namespace rv

@@ -85,8 +85,6 @@ void WRITE_TRACE(int iLevel, const char* cpFormat, ...) {
     }
 }
 
-int trace_depth() { return iIndex; }
-
 void trace_reset() {
     iIndex = 0;
     strLog = str_log{};

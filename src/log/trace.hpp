@@ -33,9 +33,6 @@ bool tracing(int iLevel);
 // 0: whenever a trace file is named).
 void WRITE_TRACE(int iLevel, const char* cpFormat, ...) __attribute__((format(printf, 2, 3)));
 
-// Current nesting depth of entry/exit lines.
-int trace_depth();
-
 // Forgets the trace state (context, depth), as in a fresh process. For tests.
 void trace_reset();
 

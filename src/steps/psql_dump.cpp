@@ -122,7 +122,7 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
         return false;
     }
 
-    const std::string cmd = "psql -e -d ravik_db -P null=NULL -A -c \"" + sql + "\" 2>&1 > " + sqo;
+    const std::string cmd = "psql -e -d ravik_db -P null=NULL -A -c \"" + sql + "\" 2>&1 > " + shell_quote(sqo);
     WRITE_TRACE(1, "Systemcall: %s ", cmd.c_str());
     // An answer left from an earlier run must not be taken for this one.
     std::remove(sqo.c_str());

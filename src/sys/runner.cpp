@@ -35,9 +35,7 @@ constexpr int kGuardSignal = SIGUSR1;
 constexpr int kStopSignals[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
 constexpr int kPollMs = 10;
 
-// The running child's process group (its guardian's pid), or -1; a stop
-// request and when its grace time ends. Read by signal handlers.
-volatile sig_atomic_t gRunning = -1;
+// Set once the running child is to be stopped.
 volatile sig_atomic_t gStopRequested = 0;
 
 ChildRunner* gInstalled = nullptr;
@@ -226,7 +224,7 @@ void pass_lines(int fd, const std::function<void(const std::string&)>& on_line) 
 // stopped and reaped, the pipe closed and the terminal taken back.
 class Owned {
   public:
-    Owned(pid_t pid, int fd, bool terminal) : pid_(pid), fd_(fd), terminal_(terminal) { gRunning = pid; }
+    Owned(pid_t pid, int fd, bool terminal) : pid_(pid), fd_(fd), terminal_(terminal) {}
     ~Owned() {
         if (fd_ >= 0) {
             close(fd_);
@@ -235,7 +233,6 @@ class Owned {
             gStopRequested = 1;
             wait_owned(pid_);
         }
-        gRunning = -1;
         gStopRequested = 0;
         if (terminal_) {
             sigset_t ttou;
@@ -322,14 +319,6 @@ ChildRunner& child_runner() {
 void set_child_runner(ChildRunner* runner) { gInstalled = runner; }
 
 void set_child_environment(ChildEnvironment prepare) { gEnvironment = prepare; }
-
-void stop_running_child() {
-    const pid_t group = gRunning;
-    if (group > 0) {
-        gStopRequested = 1;
-        kill(-group, SIGTERM);
-    }
-}
 
 std::string shell_quote(std::string_view word) {
     constexpr std::string_view kPlain = "_-+./:=,@%";

@@ -52,9 +52,9 @@ struct ChildEnd {
 class ChildRunner {
   public:
     virtual ~ChildRunner() = default;
-    // Runs `command` to its end and says how it ended. A quit signal, an
-    // exception from `on_line` or a stop_running_child() stops the child
-    // (its whole process group) first.
+    // Runs `command` to its end and says how it ended. A quit signal or an
+    // exception from `on_line` stops the child (its whole process group:
+    // SIGTERM, then SIGKILL after kChildGraceMs) first.
     virtual ChildEnd run(const ChildCommand& command) = 0;
 };
 
@@ -71,10 +71,6 @@ using ChildEnvironment = bool (*)(std::string_view shell_line);
 // Installs the environment preparation the real runner calls before every
 // start (nullptr: none).
 void set_child_environment(ChildEnvironment prepare);
-
-// Stops the running child, if there is one: SIGTERM to its process group,
-// SIGKILL after kChildGraceMs. Its runner's wait then ends.
-void stop_running_child();
 
 // `word` as one shell word: unchanged when it holds only letters, digits
 // and "_-+./:=,@%", else in single quotes (a quote inside as '\'').

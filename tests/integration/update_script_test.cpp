@@ -6,8 +6,6 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 #include <filesystem>
 #include <regex>
 
@@ -125,42 +123,19 @@ TEST_F(UpdateScript, AFatalScriptEndsWithTheStatusLine) {
               "run (does a section call itself?)\n");
 }
 
-// True once `done` holds, false when it did not within ten seconds.
-template <class Done>
-bool eventually(Done done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
-
-// A process that is gone, or a zombie no one has reaped yet.
-bool gone(pid_t pid) {
-    if (kill(pid, 0) != 0) {
-        return true;
-    }
-    const std::string stat = rvtest::read_file("/proc/" + std::to_string(pid) + "/stat");
-    const auto paren = stat.rfind(')');
-    return paren != std::string::npos && stat.compare(paren, 3, ") Z") == 0;
-}
-
 TEST_F(UpdateScript, AChildDoesNotOutliveTheTool) {
     const std::string pidfile = box.path("child.pid");
     rvtest::write_file(box.path("child.sh"),
                        "echo $$ > " + pidfile + ".new && mv " + pidfile + ".new " + pidfile + "\nexec sleep 600\n");
     script("[Update 1.6.4.]\nlast_step_nr=1\nstep_1=cmd sh " + box.path("child.sh") + "\n");
     rvtest::Background tool({kTool, "update", "1.6.3.20", "1.6.4.71"});
-    ASSERT_TRUE(eventually([&] { return fs::exists(pidfile); })) << "the step's child never started";
+    ASSERT_TRUE(rvtest::eventually([&] { return fs::exists(pidfile); })) << "the step's child never started";
     const pid_t child = std::stoi(rvtest::read_file(pidfile));
-    ASSERT_FALSE(gone(child));
+    ASSERT_FALSE(rvtest::process_gone(child));
     kill(tool.pid(), SIGKILL);
     EXPECT_EQ(tool.wait().status, 128 + SIGKILL);
-    EXPECT_TRUE(eventually([&] { return gone(child); })) << "the child " << child << " outlived the tool";
-    if (!gone(child)) {
+    EXPECT_TRUE(rvtest::eventually([&] { return rvtest::process_gone(child); })) << "the child " << child << " outlived the tool";
+    if (!rvtest::process_gone(child)) {
         kill(child, SIGKILL);
     }
 }

@@ -5,10 +5,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
+#include <thread>
 
 #include "support/sandbox.hpp"
 
@@ -83,6 +85,26 @@ RunResult Background::wait() {
 
 RunResult run(const std::vector<std::string>& argv, const Env& env, const std::string& input) {
     return Background(argv, env, input).wait();
+}
+
+bool eventually(const std::function<bool()>& done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+bool process_gone(pid_t pid) {
+    if (kill(pid, 0) != 0) {
+        return true;
+    }
+    const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    const auto paren = stat.rfind(')');
+    return paren != std::string::npos && stat.compare(paren, 3, ") Z") == 0;
 }
 
 }  // namespace rvtest

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -41,5 +42,12 @@ class Background {
 
 RunResult run(const std::vector<std::string>& argv, const Env& env = {},
               const std::string& input = "");
+
+// True once `done` holds; false when it did not within ten seconds. For
+// waiting on something observable (a file, a process), never on time.
+bool eventually(const std::function<bool()>& done);
+
+// True when process `pid` is gone, or a zombie no one has reaped yet.
+bool process_gone(pid_t pid);
 
 }  // namespace rvtest

@@ -1,0 +1,86 @@
+// The child runner: a child that must stop (a quit signal while waiting, a
+// reader that gives up) is stopped with everything it started; names put
+// into shell lines survive the shell.
+#include "sys/runner.hpp"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <csignal>
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+
+#include "support/run.hpp"
+#include "support/sandbox.hpp"
+
+namespace {
+
+class Runner : public ::testing::Test {
+  protected:
+    // A shell line whose grandchild writes its pid to `pidfile`, then waits
+    // for ever, so that only a stop of the whole group ends it.
+    std::string forever() const {
+        return "sh -c 'echo $$ > " + pidfile + ".new; mv " + pidfile + ".new " + pidfile +
+               "; echo started; exec sleep 600'; echo not reached";
+    }
+    pid_t grandchild() const { return std::stoi(rvtest::read_file(pidfile)); }
+    bool gone() const {
+        const pid_t pid = grandchild();
+        return rvtest::eventually([pid] { return rvtest::process_gone(pid); });
+    }
+
+    rvtest::Sandbox box;
+    std::string pidfile = box.path("grandchild.pid");
+};
+
+TEST_F(Runner, AQuitSignalStopsTheChildAndEverythingItStarted) {
+    const pthread_t waiter = pthread_self();
+    std::thread quitter([&] {
+        if (rvtest::eventually([&] { return std::filesystem::exists(pidfile); })) {
+            pthread_kill(waiter, SIGQUIT);
+        }
+    });
+    rv::ChildEnd end;
+    const std::string err = rvtest::capture(2, [&] { end = rv::child_runner().run({forever(), {}, "quit!\n", false}); });
+    quitter.join();
+    EXPECT_EQ(end.how, rv::ChildEnd::How::interrupted);
+    EXPECT_EQ(err, "quit!\n");
+    EXPECT_TRUE(gone()) << "the client ran on after the quit signal";
+    EXPECT_EQ(std::signal(SIGQUIT, SIG_DFL), SIG_DFL) << "the handler is gone with the wait";
+}
+
+TEST_F(Runner, AReaderThatGivesUpStopsTheChild) {
+    const auto stop_reading = [](const std::string& line) {
+        if (line == "started\n") {
+            throw std::runtime_error("enough");
+        }
+    };
+    EXPECT_THROW(rv::child_runner().run({forever(), stop_reading, nullptr, false}), std::runtime_error);
+    EXPECT_TRUE(gone()) << "the child ran on after its reader gave up";
+
+    // Lines come whole, line feed kept, a last one without it too; the exit
+    // code and a death by signal come through the guardian unchanged.
+    std::vector<std::string> lines;
+    auto end = rv::child_runner().run({"printf 'a\\nbb\\nc'; exit 3", [&](const std::string& l) { lines.push_back(l); },
+                                       nullptr, false});
+    EXPECT_EQ(lines, (std::vector<std::string>{"a\n", "bb\n", "c"}));
+    EXPECT_EQ(end.exit_code(), 3);
+    end = rv::child_runner().run({"kill -TERM $$", {}, nullptr, false});
+    EXPECT_TRUE(WIFSIGNALED(end.status) && WTERMSIG(end.status) == SIGTERM) << end.status;
+}
+
+TEST_F(Runner, NamesSurviveTheShell) {
+    for (const std::string name : {"plain/path_1.tmp", "with blank", "it's", "$HOME;`x`", "a\"b\\c", ""}) {
+        std::string seen;
+        rv::child_runner().run({"printf %s " + rv::shell_quote(name), [&](const std::string& l) { seen += l; },
+                                nullptr, false});
+        EXPECT_EQ(seen, name);
+    }
+    EXPECT_EQ(rv::shell_quote("/a/b-c.tmp"), "/a/b-c.tmp") << "plain names stay as they are";
+    EXPECT_TRUE(rv::shell_double_quotable("select * from media"));
+    EXPECT_FALSE(rv::shell_double_quotable("select \"x\" from t"));
+}
+
+}  // namespace
