@@ -257,9 +257,35 @@ class Owned {
     bool reaped_ = false;
 };
 
+// A signal typed at the terminal reached only the child's group, which had
+// the terminal; it was meant for the tool as well. A quit breaks a quittable
+// wait off; otherwise the tool takes the signal as if it had been typed.
+void take_keyboard_signal(ChildEnd& end, const char* quit_notice) {
+    const int sig = WTERMSIG(end.status);
+    if (sig == SIGQUIT && quit_notice != nullptr) {
+        [[maybe_unused]] const ssize_t n = write(STDERR_FILENO, quit_notice, std::strlen(quit_notice));
+        end.how = ChildEnd::How::interrupted;
+    } else if (sig == SIGINT || sig == SIGQUIT) {
+        std::fflush(nullptr);
+        raise(sig);
+    }
+}
+
 class RealRunner : public ChildRunner {
   public:
     ChildEnd run(const ChildCommand& command) override {
+        bool terminal = false;
+        ChildEnd end = start_and_wait(command, terminal);
+        if (terminal && end.finished() && WIFSIGNALED(end.status)) {
+            take_keyboard_signal(end, command.quit_notice);
+        }
+        return end;
+    }
+
+  private:
+    // Starts the child and waits for it; `terminal` tells whether its group
+    // had the terminal.
+    static ChildEnd start_and_wait(const ChildCommand& command, bool& terminal) {
         ChildEnd end;
         if (command.prepare_environment && gEnvironment != nullptr && !gEnvironment(command.shell_line)) {
             end.how = ChildEnd::How::refused;
@@ -270,7 +296,7 @@ class RealRunner : public ChildRunner {
             end.error = errno;
             return end;
         }
-        const bool terminal = isatty(STDIN_FILENO) && tcgetpgrp(STDIN_FILENO) == getpgrp();
+        terminal = isatty(STDIN_FILENO) && tcgetpgrp(STDIN_FILENO) == getpgrp();
         const pid_t tool = getpid();
         std::fflush(nullptr);
         const pid_t pid = fork();
