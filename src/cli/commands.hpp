@@ -15,7 +15,8 @@ inline constexpr std::string_view kUsageList =
     "update [{old_version} {new_version}]|downgrade|db_backup|db_restore|set_params_fix";
 
 // Runs the tool; returns the exit status of a command that ran to its end.
-// Fatal conditions and usage warnings end the process through FINISH.
+// Fatal conditions and usage warnings are caught here: their status line is
+// printed and their status returned.
 int rv_db_update_main(int argc, char** argv);
 
 // The main version of a release: cut after its last '.', the dot kept

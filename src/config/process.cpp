@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "log/finish.hpp"
 #include "log/prot.hpp"
 
 namespace rv {
@@ -78,9 +79,14 @@ ChildEnd run_reported(const ChildCommand& command, std::string& cpExe) {
             std::fflush(stdout);
             break;
         case ChildEnd::How::not_started:
-            std::fprintf(stderr, "start_system: Unable to run child process: %s (errno=%d)\n",
+            std::fprintf(stderr, "start_system: Unable to fork child process: %s (errno=%d)\n",
                          std::strerror(end.error), end.error);
-            report(prefix, cpExe, std::string("unable to run child process: ") + std::strerror(end.error));
+            report(prefix, cpExe, std::string("unable to fork child process: ") + std::strerror(end.error));
+            break;
+        case ChildEnd::How::lost:
+            std::fprintf(stderr, "start_system: no child to wait for! %s (errno=%d)\n", std::strerror(end.error),
+                         end.error);
+            report(prefix, cpExe, std::string("no child to wait for: ") + std::strerror(end.error));
             break;
         case ChildEnd::How::interrupted:
             break;
@@ -94,14 +100,20 @@ ChildEnd run_reported(const ChildCommand& command, std::string& cpExe) {
 }
 
 int start_system(std::string& cpExe) {
-    const ChildEnd end = run_reported({cpExe, {}, nullptr, true}, cpExe);
+    return exit_code_of(run_reported({cpExe, {}, nullptr, true}, cpExe), cpExe);
+}
+
+int exit_code_of(const ChildEnd& end, const std::string& cpExe) {
     switch (end.how) {
+        case ChildEnd::How::not_started:
+            // Without a child the run cannot go on: the tool ends with status 1.
+            throw Fatal(RV_WARNING, cpExe, false);
         case ChildEnd::How::refused:
             return kStartSystemNoEnvironment;
         case ChildEnd::How::finished:
             return end.exit_code();
         default:
-            return kStartSystemNoChild;
+            return kStartSystemNoChild;  // lost: as the shell's "not found"
     }
 }
 

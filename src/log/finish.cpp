@@ -20,7 +20,8 @@ const char* status_word(int iExit) {
     }
 }
 
-Fatal::Fatal(int iExit, std::string_view cpMsg) : std::runtime_error(std::string(cpMsg)), status_(iExit) {}
+Fatal::Fatal(int iExit, std::string_view cpMsg, bool bStatusLine)
+    : std::runtime_error(std::string(cpMsg)), status_(iExit), status_line_(bStatusLine) {}
 
 void FINISH(int iExit, std::string_view cpMsg) {
     const std::string msg(cpMsg);
@@ -34,8 +35,10 @@ void FINISH(int iExit, std::string_view cpMsg) {
 
 int finish_run(const Fatal& fatal) {
     std::fflush(stdout);
-    std::printf("STATUS=%s MSG=%s\n", status_word(fatal.status()), fatal.what());
-    std::fflush(stdout);
+    if (fatal.status_line()) {
+        std::printf("STATUS=%s MSG=%s\n", status_word(fatal.status()), fatal.what());
+        std::fflush(stdout);
+    }
     return fatal.status();
 }
 

@@ -16,22 +16,25 @@ enum EXIT_STATE { RV_SUCCESS = 0, RV_WARNING = 1, RV_ERROR = 2, RV_FATAL = 3 };
 // "SUCCESS", "WARNING", "ERROR", and "FATAL" for any other value.
 const char* status_word(int iExit);
 
-// A fatal condition: the exit status and the message of the status line.
+// A fatal condition: the exit status and the message of the status line
+// (printed unless `bStatusLine` is false: the message went elsewhere).
 class Fatal : public std::runtime_error {
   public:
-    Fatal(int iExit, std::string_view cpMsg);
+    Fatal(int iExit, std::string_view cpMsg, bool bStatusLine = true);
     int status() const { return status_; }
+    bool status_line() const { return status_line_; }
 
   private:
     int status_;
+    bool status_line_;
 };
 
 // Traces entry and exit (not for RV_FATAL) and throws Fatal(iExit, cpMsg).
 // Must not be called where a quit-signal jump target is active.
 [[noreturn]] void FINISH(int iExit, std::string_view cpMsg);
 
-// For the program entry: prints the status line of `fatal` and returns its
-// exit status.
+// For the program entry: prints the status line of `fatal` (when it has
+// one) and returns its exit status.
 int finish_run(const Fatal& fatal);
 
 }  // namespace rv

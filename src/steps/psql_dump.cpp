@@ -87,6 +87,7 @@ enum class RunResult { finished, interrupted, refused };
 // breaks the wait off (the client, with everything it started, is stopped).
 RunResult run_client(std::string cmd, bool interruptible) {
     const ChildEnd end = run_reported({cmd, {}, interruptible ? kSigquitText : nullptr, true}, cmd);
+    exit_code_of(end, cmd);  // no child at all ends the run, as for any command
     switch (end.how) {
         case ChildEnd::How::interrupted:
             return RunResult::interrupted;

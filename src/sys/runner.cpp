@@ -110,6 +110,10 @@ void sleep_ms(int ms) {
     struct sigaction on_death {};
     on_death.sa_handler = kill_own_group;
     sigaction(kGuardSignal, &on_death, nullptr);
+    sigset_t guard_signal;
+    sigemptyset(&guard_signal);
+    sigaddset(&guard_signal, kGuardSignal);
+    sigprocmask(SIG_UNBLOCK, &guard_signal, nullptr);
     prctl(PR_SET_PDEATHSIG, kGuardSignal);
     if (getppid() != tool) {
         kill_own_group(0);
@@ -326,7 +330,7 @@ class RealRunner : public ChildRunner {
         owned.reaped();
         if (status < 0) {
             end.error = -1 - status;
-            end.how = ChildEnd::How::not_started;
+            end.how = ChildEnd::How::lost;
             return end;
         }
         end.status = status;

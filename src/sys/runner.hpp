@@ -37,6 +37,7 @@ struct ChildEnd {
         finished,     // `status` is the wait status
         refused,      // the environment for the child could not be prepared
         not_started,  // no child could be made; `error` is the errno
+        lost,         // the child could not be waited for; `error` is the errno
         interrupted,  // a SIGQUIT broke the wait off; the child was stopped
     };
     How how = How::not_started;

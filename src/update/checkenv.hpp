@@ -15,7 +15,7 @@ inline constexpr int kVersionAnswerLimit = 10;
 
 // Fills `pathes` and `rvdb_ini`. Empty `cpOldVersion` / `cpNewVersion` ask
 // for detection; the detected releases are written back into them. Ends the
-// process through FINISH when the environment is unusable.
+// run (FINISH throws Fatal) when the environment is unusable.
 void checkenv(std::string& cpOldVersion, std::string& cpNewVersion);
 
 // Puts the product and database program directories in front of
