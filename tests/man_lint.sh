@@ -6,30 +6,19 @@
 # neither formatter is installed.
 set -u
 [ $# -gt 0 ] || { echo "usage: $0 PAGE..." >&2; exit 2; }
-if command -v groff >/dev/null 2>&1; then
-    set -- utf8 ps -- "$@"
-elif command -v mandoc >/dev/null 2>&1; then
-    set -- lint -- "$@"
-else
-    echo "neither groff nor mandoc is installed: the manual pages are not checked"
-    exit 77
+if command -v groff >/dev/null 2>&1; then devices="utf8 ps"
+elif command -v mandoc >/dev/null 2>&1; then devices=lint
+else echo "neither groff nor mandoc is installed: the manual pages are not checked"; exit 77
 fi
-devices=""
-while [ "$1" != "--" ]; do devices="$devices $1"; shift; done
-shift
 status=0
 for page in "$@"; do
-    if [ ! -r "$page" ]; then
-        echo "$page: cannot be read"; status=1; continue
-    fi
+    if [ ! -r "$page" ]; then echo "$page: cannot be read"; status=1; continue; fi
     if LC_ALL=C grep -n '[^[:print:][:space:]]' "$page"; then
         echo "$page: holds characters outside ASCII (write them as roff escapes)"; status=1; continue
     fi
     for device in $devices; do
-        if [ "$device" = lint ]; then
-            out=$(mandoc -T lint -W warning "$page" 2>&1)
-        else
-            out=$(groff -ww -z -man -T"$device" "$page" 2>&1)
+        if [ "$device" = lint ]; then out=$(mandoc -T lint -W warning "$page" 2>&1)
+        else out=$(groff -ww -z -man -T"$device" "$page" 2>&1)
         fi
         if [ $? -ne 0 ] || [ -n "$out" ]; then
             echo "$page: -T$device fails or warns:"; echo "$out"; status=1
