@@ -12,52 +12,24 @@ set -u
 root=${1:-$(dirname "$0")/..}
 cd "$root" || exit 2
 files=$(find src -type f \( -name '*.cpp' -o -name '*.hpp' \) 2>/dev/null | LC_ALL=C sort)
-if [ -z "$files" ]; then
-    echo "layers: no sources under $root/src" >&2
-    exit 2
-fi
+[ -n "$files" ] || { echo "layers: no sources under $root/src" >&2; exit 2; }
 set -f
 # shellcheck disable=SC2086
 awk '
-BEGIN {
-    rank["sys"] = 0; rank["log"] = 1; rank["config"] = 2
-    rank["db"] = 3; rank["loader"] = 3
-    rank["steps"] = 4; rank["update"] = 5; rank["cli"] = 6
-    bad = 0
-}
+BEGIN { split("sys log config db loader steps update cli", name, " ")
+        for (i = 1; i <= 8; i++) rank[name[i]] = i - (i > 4) }
 FNR == 1 {
-    n = split(FILENAME, folder, "/")
-    layer = n > 2 ? folder[2] : ""
-    if (!(layer in rank)) {
-        printf "%s: lies in no known layer\n", FILENAME
-        bad++
-    }
+    layer = split(FILENAME, folder, "/") > 2 ? folder[2] : ""
+    if (!(layer in rank)) { printf "%s: lies in no known layer\n", FILENAME; bad++ }
 }
-/^[ \t]*#[ \t]*include[ \t]*"/ && (layer in rank) {
-    header = $0
-    sub(/^[^"]*"/, "", header)
-    sub(/".*$/, "", header)
-    slash = index(header, "/")
-    if (slash == 0) {
-        next
-    }
-    used = substr(header, 1, slash - 1)
-    if (!(used in rank)) {
-        where = "no known"
-    } else if (rank[used] > rank[layer]) {
-        where = "a higher"
-    } else if (rank[used] == rank[layer] && used != layer) {
-        where = "a sibling"
-    } else {
-        next
-    }
-    printf "%s:%d: includes \"%s\" from %s layer\n", FILENAME, FNR, header, where
-    bad++
+/^[ \t]*#[ \t]*include[ \t]*"[^"\/]*\// && (layer in rank) {
+    header = $0; sub(/^[^"]*"/, "", header); sub(/".*$/, "", header)
+    used = substr(header, 1, index(header, "/") - 1)
+    if (!(used in rank)) where = "no known"
+    else if (rank[used] > rank[layer]) where = "a higher"
+    else if (rank[used] == rank[layer] && used != layer) where = "a sibling"
+    else next
+    printf "%s:%d: includes \"%s\" from %s layer\n", FILENAME, FNR, header, where; bad++
 }
-END {
-    if (bad > 0) {
-        printf "layers: %d offence(s) against the layer order\n", bad
-        exit 1
-    }
-}
+END { if (bad > 0) { printf "layers: %d offence(s) against the layer order\n", bad; exit 1 } }
 ' $files
