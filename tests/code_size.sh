@@ -16,16 +16,10 @@ if ! ctags --version 2>/dev/null | grep -q 'Universal Ctags'; then
     exit 77
 fi
 dirs=""
-for dir in src tools; do
-    [ -d "$dir" ] && dirs="$dirs $dir"
-done
-if [ -z "$dirs" ]; then
-    echo "code_size: neither src nor tools in $root" >&2
-    exit 2
-fi
+for dir in src tools; do [ -d "$dir" ] && dirs="$dirs $dir"; done
+[ -n "$dirs" ] || { echo "code_size: neither src nor tools in $root" >&2; exit 2; }
 tab=$(printf '\t')
 set -f
-
 # One line per function: LINES<tab>FILE<tab>NAME, longest first. A lambda
 # has no name; a member function is named with its class.
 # shellcheck disable=SC2086
@@ -44,31 +38,21 @@ functions=$(ctags --languages=C++ --kinds-C++=f --fields=+ne --excmd=number -o -
             if (scope != "" && scope !~ /__anon/) name = scope "::" name
             print end - line + 1, $2, name
         }' | LC_ALL=C sort -t "$tab" -k1,1nr -k2,2 -k3,3)
-if [ -z "$functions" ]; then
-    echo "code_size: ctags found no functions under$dirs" >&2
-    exit 2
-fi
-
+[ -n "$functions" ] || { echo "code_size: ctags found no functions under$dirs" >&2; exit 2; }
 # One line per source file: LINES<tab>FILE, largest first.
+# shellcheck disable=SC2086
 files=$(find $dirs -type f \( -name '*.cpp' -o -name '*.hpp' \) | while read -r file; do
     printf '%s\t%s\n' "$(wc -l < "$file" | tr -d ' ')" "$file"
 done | LC_ALL=C sort -t "$tab" -k1,1nr -k2,2)
-
-long_functions=$(printf '%s\n' "$functions" |
-    awk -F'\t' -v max="$max_function" '$1 > max { printf "%s: function %s has %d lines (at most %d)\n", $2, $3, $1, max }')
-large_files=$(printf '%s\n' "$files" |
-    awk -F'\t' -v max="$max_file" '$1 > max { printf "%s: file has %d lines (at most %d)\n", $2, $1, max }')
 
 echo "longest functions:"
 printf '%s\n' "$functions" | head -n 3 | awk -F'\t' '{ printf "  %5d  %s  %s\n", $1, $2, $3 }'
 echo "largest files:"
 printf '%s\n' "$files" | head -n 3 | awk -F'\t' '{ printf "  %5d  %s\n", $1, $2 }'
-
-status=0
-for list in "$long_functions" "$large_files"; do
-    if [ -n "$list" ]; then
-        printf '%s\n' "$list"
-        status=1
-    fi
-done
-exit $status
+# The offenders, functions first; any of them fails the check.
+{
+    printf '%s\n' "$functions" | awk -F'\t' -v max="$max_function" \
+        '$1 > max { printf "%s: function %s has %d lines (at most %d)\n", $2, $3, $1, max }'
+    printf '%s\n' "$files" | awk -F'\t' -v max="$max_file" \
+        '$1 > max { printf "%s: file has %d lines (at most %d)\n", $2, $1, max }'
+} | awk '{ print } END { exit NR > 0 }'
