@@ -35,25 +35,23 @@ class Log : public rvtest::ProductTest {
     }
     // The text without its stamp "YYYY-MM-DD hh:mm:ss ", which it must have.
     static std::string unstamp(const std::string& text) {
-        static const std::regex stamp("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} .*");
-        EXPECT_TRUE(std::regex_match(text.substr(0, text.find('\n')), stamp)) << text;
-        return text.substr(std::min<std::size_t>(20, text.size()));
+        return strip(text, "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} .*", 20);
     }
     // The trace lines without their "hh:mm:ss#" stamp (hour blank-padded), which each must have.
-    static Lines untimed(const Lines& lines) {
-        Lines out;
-        for (const auto& l : lines) {
-            EXPECT_TRUE(std::regex_match(l, std::regex("[ 0-9][0-9]:[0-9]{2}:[0-9]{2}#.*")));
-            out.push_back(l.substr(std::min<std::size_t>(9, l.size())));
-        }
-        return out;
+    static Lines untimed(Lines lines) {
+        for (auto& l : lines) l = strip(l, "[ 0-9][0-9]:[0-9]{2}:[0-9]{2}#.*", 9);
+        return lines;
+    }
+    static std::string strip(const std::string& text, const char* stamp, std::size_t size) {
+        EXPECT_TRUE(std::regex_match(text.substr(0, text.find('\n')), std::regex(stamp))) << text;
+        return text.substr(std::min(size, text.size()));
     }
     Lines traced(const std::string& name) const {
         return untimed(rvtest::read_lines(box.dir("gv_rw_lgc") + name));
     }
 };
 
-TEST_F(Log, ProtLineFormat) {
+TEST_F(Log, ProtLineFormatAndTheTrapInEveryLanguage) {
     rvtest::write_file(prot, "earlier line\n");
     rv::PROT("E018-DATABAS %s with unexpected result: %s.", "select 1", "no rows");
     rv::PROT("E003-BASICS  %s > %s", "a", "b");
@@ -67,6 +65,18 @@ TEST_F(Log, ProtLineFormat) {
                             line("W001-BASICS ", "second"), line("W001-BASICS ", "")};
     for (std::size_t i = 1; i < 6; ++i) EXPECT_EQ(unstamp(lines[i]), expected[i - 1]);
     EXPECT_EQ(lines[3].substr(0, 19), lines[5].substr(0, 19));
+
+    // The database error trap writes in the user's language.
+    fs::remove(prot);
+    for (const auto lang : {rv::LANG_EN, rv::LANG_DE, rv::LANG_BA, rv::LANG_FR}) {
+        rv::eLang = lang;
+        rv::trap_db_err("sel", "boom");
+    }
+    EXPECT_EQ(rvtest::protocol_texts(prot),
+              (Lines{"E018-DATABAS sel with unexpected result: boom.",
+                     "E018-DATABAS sel erzeugte unerwartetes Ergebnis: boom.",
+                     "E018-DATABAS sel mitm Fälla: boom.",
+                     "E018-DATABAS sel with unexpected result: boom."}));
 }
 
 TEST_F(Log, ProtCutsOverlongOutputAndAnnouncesIt) {
@@ -132,18 +142,6 @@ TEST_F(Log, ProtWithoutProtocolFile) {
         EXPECT_EQ(entry.path().filename().string().find("Fatal"), std::string::npos)
             << entry.path();
     }
-}
-
-TEST_F(Log, TrapDbErrWritesInTheUsersLanguage) {
-    for (const auto lang : {rv::LANG_EN, rv::LANG_DE, rv::LANG_BA, rv::LANG_FR}) {
-        rv::eLang = lang;
-        rv::trap_db_err("sel", "boom");
-    }
-    EXPECT_EQ(rvtest::protocol_texts(prot),
-              (Lines{"E018-DATABAS sel with unexpected result: boom.",
-                     "E018-DATABAS sel erzeugte unerwartetes Ergebnis: boom.",
-                     "E018-DATABAS sel mitm Fälla: boom.",
-                     "E018-DATABAS sel with unexpected result: boom."}));
 }
 
 TEST_F(Log, TraceIndentationEchoAndLostLines) {
