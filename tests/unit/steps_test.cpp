@@ -140,8 +140,7 @@ TEST_F(Steps, ChangeRefusalsEndTheRunAndLeaveTheImage) {
 
 TEST_F(Steps, DumpAnswerBecomesTheImageOrFailsTheDump) {
     EXPECT_EQ(rv::table_image_path("media"), image_path);
-    std::string header = "c0";
-    std::string row = "1";
+    std::string header = "c0", row = "1";
     for (int i = 1; i < 31; ++i) {
         header += "|c" + std::to_string(i);
         row += "|1";
@@ -181,7 +180,7 @@ TEST_F(Steps, DumpAnswerBecomesTheImageOrFailsTheDump) {
     EXPECT_EQ(msg, "Can't open file " + box.path("none.sqo") + " to read");
 }
 
-TEST_F(Steps, CommandWordsDatesPathsAndGlobalVariables) {
+TEST_F(Steps, CommandWordsLinesAndRemoval) {
     const std::pair<std::string, std::string> cases[] = {
         {"gv_date", "<stamp>"},
         {"xgv_datey", "xgv_datey"},
@@ -221,9 +220,8 @@ TEST_F(Steps, CommandWordsDatesPathsAndGlobalVariables) {
     EXPECT_EQ(rv::rmdir_command("gv_rw_work:old /q"), "del \\s \\f " + win + "old \\q");
     rv::pathes.separator = '/';
     EXPECT_EQ(rv::rmdir_command("gv_rw_work:old"), "rm -rf " + work + "old");
-}
 
-TEST_F(Steps, CommandOverlongRemovalIsRefusedAndAnEmptyLineEndsTheRun) {
+    // An overlong removal is refused; an empty command line ends the run.
     const std::string victim = work + "keep";
     rvtest::write_file(victim + "/file", "x");
     rvtest::FakeRunner runner;
