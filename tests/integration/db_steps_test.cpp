@@ -1,119 +1,110 @@
-// A table's way through an update against a real server: dump through the
-// database client, schema change by sql steps, change of the image, import
-// through the loader, export through the export tool; and the dumps and
-// imports that must fail loudly instead of loading wrong data.
+// Update scripts against a real server: a table dumped through the database
+// client, changed by sql steps and its image, imported through the loader
+// and exported through the export tool; the dumps that must fail instead of
+// leaving an image; sql steps that fail or are cut short by SIGQUIT.
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <string>
+#include <regex>
 
 #include "support/pgcluster.hpp"
-#include "support/run.hpp"
-#include "support/sandbox.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
 using rvtest::pg_query;
+using rvtest::PgRows;
 
-const std::string kTool = rvtest::bin("rv_db_update");
-
-class DbSteps : public ::testing::Test {
-protected:
+class DbSteps : public rvtest::DbTest {
+  protected:
     void SetUp() override {
-        rvtest::pg_server();
-        box.make_installation();
-        rvtest::point_at_server(box);
+        DbTest::SetUp();
         fs::create_symlink(rvtest::bin("rv_db"), box.dir("gv_ro_bin") + "rv_db");
         fs::create_symlink(rvtest::bin("oaisql"), box.dir("gv_ro_db") + "oaisql");
-        rvtest::write_file(box.dir("gv_rw_glbv") + "gv_prot.rgv", box.path("protocol.log"));
-        work = box.dir("gv_rw_work");
-        tmp = box.dir("gv_rw_tmp");
-        rvtest::pg_recreate_db("ravik_db");
         pg_query("ravik_db",
                  "create table media (id int primary key, label text, size_mb int, note text, obsolete text);"
                  "insert into media values (1, ' MON-0001 ', 400000, NULL, 'x'),"
-                 " (2, 'O''Brien weekly', NULL, 'Bänder = tapes', NULL), (3, 'a=b,c', 7, '', 'y');"
+                 " (2, 'O''Brien weekly', NULL, 'Bänder = tapes', NULL), (3, 'a=b,c', 7, '', 'y'),"
+                 " (4, 'kept', 1, 'k', 'z');"
                  "create table empty (id int)");
     }
-
-    rvtest::RunResult update(const std::string& steps) {
-        rvtest::write_file(box.dir("gv_ro") + "skel/rv_db_update.ini", "[Update 1.6.4.]\n" + steps +
-                                                                           "[1.6.4.media]\nADD_COLUMNS=pool\n"
-                                                                           "ADD_VALUES='daily'\nDEL_COLUMNS=obsolete\n");
-        return rvtest::run({kTool, "update", "1.6.3.20", "1.6.4.71"}, {{"PGPORT", ""}});
+    // Writes section [Update 1.6.4.] with `steps` and the change of table
+    // media; returns the command line that runs it.
+    std::vector<std::string> script(const std::string& steps) {
+        rvtest::write_file(box.dir("gv_ro") + "skel/rv_db_update.ini",
+                           "[Update 1.6.4.]\n" + steps +
+                               "[1.6.4.media]\nADD_COLUMNS=pool\nADD_VALUES='daily'\nDEL_COLUMNS=obsolete\n");
+        return {rvtest::bin("rv_db_update"), "update", "1.6.3.20", "1.6.4.71"};
+    }
+    // The console from the first step on.
+    static std::string steps_of(const std::string& out) {
+        return out.substr(std::min(out.find("step=1 "), out.size()));
     }
 
-    static std::string steps_of(const rvtest::RunResult& r) {
-        const auto at = r.out.find("step=1 ");
-        return at == std::string::npos ? r.out : r.out.substr(at);
-    }
-
-    rvtest::Sandbox box;
-    std::string work;
-    std::string tmp;
+    std::string work = box.dir("gv_rw_work");
+    std::string tmp = box.dir("gv_rw_tmp");
 };
 
-TEST_F(DbSteps, DumpChangeImportCarriesEveryRow) {
-    const auto r = update(
-        "last_step_nr=7\n"
-        "step_1=dump ravik_db media,empty,\n"
-        "step_2=sql ravik_db delete from media\n"
-        "step_3=sql ravik_db alter table media add column pool varchar(20)\n"
-        "step_4=sql ravik_db alter table media drop column obsolete\n"
-        "step_5=change media\n"
-        "step_6=import ravik_db media\n"
-        "step_7=export ravik_db media\n");
+TEST_F(DbSteps, DumpChangeImportCarriesEveryRowOnce) {
+    const auto r = rvtest::run(script("last_step_nr=6\n"
+                                      "step_1=dump ravik_db media,empty,\n"
+                                      "step_2=sql ravik_db delete from media where id < 4\n"
+                                      "step_3=sql ravik_db alter table media add pool varchar(20), drop obsolete\n"
+                                      "step_4=change media\n"
+                                      "step_5=import ravik_db media\n"
+                                      "step_6=export ravik_db media\n"),
+                               rvtest::kToolEnv);
     EXPECT_EQ(r.status, 0) << r.out << r.err;
-    EXPECT_EQ(steps_of(r),
+    // The image lists the rows in the server's order, which fixes no line number.
+    EXPECT_EQ(std::regex_replace(steps_of(r.out), std::regex("line [0-9]+:"), "line N:"),
               "step=1 db=ravik_db dump=media,empty,\n"
-              "select 3 rows from media\n"
+              "select 4 rows from media\n"
               "select 0 rows from empty\n"
-              "step=2 db=ravik_db sql=delete from media\n"
-              "delete from media\n"
-              "step=3 db=ravik_db sql=alter table media add column pool varchar(20)\n"
-              "alter table media add column pool varchar(20)\n"
-              "step=4 db=ravik_db sql=alter table media drop column obsolete\n"
-              "alter table media drop column obsolete\n"
-              "step=5 change table=media\n"
+              "step=2 db=ravik_db sql=delete from media where id < 4\n"
+              "delete from media where id < 4\n"
+              "step=3 db=ravik_db sql=alter table media add pool varchar(20), drop obsolete\n"
+              "alter table media add pool varchar(20), drop obsolete\n"
+              "step=4 change table=media\n"
               "change table media\n"
               "db_change call add_entry ( pstrFirstRow, pool, 'daily')\n"
-              "step=6 db=ravik_db import=media\n"
+              "step=5 db=ravik_db import=media\n"
               "load values into table media\n"
-              "oaisql: 3 statements, 3 succeeded, 0 failed\n"
-              "import media returned exit state 0 with 0 errors\n"
-              "step=7 db=ravik_db export=media\n"
+              "Error in line N: duplicate key value violates unique constraint \"media_pkey\" (Key (id)=(4) "
+              "already exists.) | statement: INSERT INTO media (id,label,size_mb,note,pool) VALUES "
+              "('4','kept','1','k','daily');\n"
+              "oaisql: 4 statements, 3 succeeded, 1 failed\n"
+              "import media returned exit state 256 with 1 errors\n"
+              "step=6 db=ravik_db export=media\n"
               "export media returned exit state 0\n");
 
     // Values come back trimmed, as the image carries them; NULLs, quotes,
-    // '=', ',' and unicode exactly.
-    const rvtest::PgRows expected = {
+    // '=', ',' and unicode exactly; the row that stayed is not doubled.
+    const PgRows expected = {
         {"1", "MON-0001", "400000", std::nullopt, "daily"},
         {"2", "O'Brien weekly", std::nullopt, "Bänder = tapes", "daily"},
         {"3", "a=b,c", "7", "", "daily"},
+        {"4", "kept", "1", "k", std::nullopt},
     };
     EXPECT_EQ(pg_query("ravik_db", "select id, label, size_mb, note, pool from media order by id"), expected);
     // The empty table left no image; the client's files are gone after success.
     EXPECT_FALSE(fs::exists(work + "db_empty.tmp"));
     EXPECT_FALSE(fs::exists(tmp + "media.sqo"));
     EXPECT_FALSE(fs::exists(tmp + "media.sqi"));
-    // The export file loads as the same rows.
     const std::string exported = rvtest::read_file(work + "db_media.tmp");
     EXPECT_NE(exported.find("'O''Brien weekly'"), std::string::npos) << exported;
-    EXPECT_NE(exported.find("\n-- 3 rows found \n"), std::string::npos) << exported;
+    EXPECT_TRUE(exported.ends_with("\n-- 4 rows found \n")) << exported;
 }
 
-TEST_F(DbSteps, DumpsThatCannotBeFaithfulFail) {
-    pg_query("ravik_db", "create table piped (id int, note text);"
-                         "insert into piped values (1, 'a|b');"
-                         "create table broken (id int, note text);"
-                         "insert into broken values (1, E'two\\nlines')");
+TEST_F(DbSteps, DumpsThatCannotBeFaithfulFailAndLeaveNoImage) {
+    pg_query("ravik_db", "create table piped (id int, note text); insert into piped values (1, 'a|b');"
+                         "create table broken (id int, note text); insert into broken values (1, E'two\\nlines')");
     rvtest::write_file(work + "db_piped.tmp", "|id=9|note=stale|\n");
-    const auto r = update("last_step_nr=3\nstep_1=dump ravik_db nosuch,media,\nstep_2=dump ravik_db piped\n"
-                          "step_3=dump ravik_db broken\n");
+    const auto r = rvtest::run(script("last_step_nr=3\nstep_1=dump ravik_db nosuch,media,\n"
+                                      "step_2=dump ravik_db piped\nstep_3=dump ravik_db broken\n"),
+                               rvtest::kToolEnv);
     EXPECT_EQ(r.status, 0) << r.err;
     // The client's error output reaches the console, not its answer file.
-    EXPECT_EQ(steps_of(r),
+    EXPECT_EQ(steps_of(r.out),
               "step=1 db=ravik_db dump=nosuch,media,\n"
               "ERROR:  relation \"nosuch\" does not exist\n"
               "LINE 1: select distinct * from nosuch\n"
@@ -126,32 +117,51 @@ TEST_F(DbSteps, DumpsThatCannotBeFaithfulFail) {
     // A failed select keeps the client's files; the list stops at it.
     EXPECT_EQ(rvtest::read_file(tmp + "nosuch.sqi"), "select distinct * from nosuch\n");
     EXPECT_EQ(rvtest::read_file(tmp + "nosuch.sqo"), "select distinct * from nosuch\n");
-    EXPECT_FALSE(fs::exists(work + "db_media.tmp"));
     // No image, not even an older one, is left for an import to load.
-    EXPECT_FALSE(fs::exists(work + "db_piped.tmp"));
-    EXPECT_FALSE(fs::exists(work + "db_broken.tmp"));
-    const std::string protocol = rvtest::read_file(box.path("protocol.log"));
-    EXPECT_NE(protocol.find("select distinct * from nosuch with unexpected result: didn't find expected strings in "
-                            "database answer; please examine file " + tmp + "nosuch.sqo."),
-              std::string::npos)
-        << protocol;
-    EXPECT_NE(protocol.find("select distinct * from piped with unexpected result: iPGSQL_MAKE_DB_GET_FILE: row 1 of "
-                            "piped has 3 fields for 2 columns"),
-              std::string::npos)
-        << protocol;
+    for (const char* table : {"media", "piped", "broken"}) {
+        EXPECT_FALSE(fs::exists(work + "db_" + table + ".tmp")) << table;
+    }
+    const std::string row = " with unexpected result: iPGSQL_MAKE_DB_GET_FILE: row ";
+    const std::string cannot = " (a value holding '|' or a line break cannot be dumped): ";
+    EXPECT_EQ(rvtest::protocol_texts(prot),
+              (std::vector<std::string>{
+                  "E018-DATABAS select distinct * from nosuch with unexpected result: didn't find expected strings in "
+                  "database answer; please examine file " + tmp + "nosuch.sqo.",
+                  "E018-DATABAS select distinct * from piped" + row + "1 of piped has 3 fields for 2 columns" +
+                      cannot + "1|a|b.",
+                  "E018-DATABAS select distinct * from broken" + row + "2 of broken has 1 fields for 2 columns" +
+                      cannot + "lines."}));
 }
 
-TEST_F(DbSteps, ImportCountsFailingStatements) {
-    rvtest::write_file(work + "db_media.tmp",
-                       "connect ravik_db\n"
-                       "INSERT INTO media (id,label) VALUES ('1','dup');\n"
-                       "INSERT INTO media (id,label) VALUES ('4','new');\n"
-                       "INSERT INTO media (id,label) VALUES ('2','dup');\n");
-    const auto r = update("last_step_nr=1\nstep_1=import ravik_db media\n");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_NE(steps_of(r).find("import media returned exit state 256 with 2 errors\n"), std::string::npos)
-        << r.out;
-    EXPECT_EQ(pg_query("ravik_db", "select count(*) from media"), (rvtest::PgRows{{"4"}}));
+// Steps go on after a statement that fails and after one that SIGQUIT cuts
+// short; a stray quote is stored as the accent (a LATIN1 database here).
+TEST_F(DbSteps, FailedAndInterruptedStatementsLetTheRunGoOn) {
+    rvtest::pg_recreate_db("ravik_db", "LATIN1");
+    pg_query("ravik_db", "create table steps (id int, note text)");
+    const std::pair<std::string, std::string> sqls[] = {  // a statement, what follows its echo
+        {"insert into steps values (1, 'one')", ""},
+        {"insert into nosuch values (2)", " got error from statement: export\n"},
+        {"select pg_sleep(5)", " got error from statement: export\n"},
+        {"update steps set note='it's done' where id=1", ""},
+        {"INSERT INTO steps VALUES (5, NULL)", ""},
+    };
+    std::string steps = "last_step_nr=7\nstep_6=cmd touch gv_rw_work:done.txt\nstep_7=exit\n";
+    std::string console;
+    for (std::size_t i = 0; i < std::size(sqls); ++i) {
+        const auto& [sql, after] = sqls[i];
+        steps += "step_" + std::to_string(i + 1) + "=sql ravik_db " + sql + "\n";
+        console += "step=" + std::to_string(i + 1) + " db=ravik_db sql=" + sql + "\n" + sql + "\n" + after;
+    }
+    const auto r = rvtest::quit_during(script(steps), "select pg_sleep(5)");
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(steps_of(r.out), console + "step=6 cmd=touch gv_rw_work:done.txt\n");
+    // Once through halt for the failed insert, once for the real SIGQUIT.
+    const std::string& quit = rvtest::kQuitLine;
+    EXPECT_NE(r.err.find("query error:  ERROR:  relation \"nosuch\" does not exist"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(quit, r.err.find(quit) + 1), std::string::npos) << r.err;
+    EXPECT_EQ(pg_query("ravik_db", "select id, note = 'it' || chr(180) || 's done' from steps order by id"),
+              (PgRows{{"1", "t"}, {"5", std::nullopt}}));
+    EXPECT_TRUE(fs::exists(work + "done.txt"));
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 #include "support/pgcluster.hpp"
 
 #include <libpq-fe.h>
-#include <unistd.h>
+#include <signal.h>
 
+#include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -12,50 +12,33 @@
 
 namespace rvtest {
 
-const PgServer& pg_server() {
-    static PgServer server;
-    if (server.port != 0) {
-        return server;
-    }
-    std::string state;
-    if (const char* file = std::getenv("RV_TEST_PGCLUSTER")) {
-        state = file;
-    } else {
-        state = (std::filesystem::temp_directory_path() / "rvpg.XXXXXX").string();
-        close(mkstemp(state.data()));
-        const RunResult r =
-            run({"/bin/sh", RV_PGCLUSTER_SCRIPT, "start", state, std::to_string(getpid())});
-        if (r.status != 0) {
-            throw std::runtime_error("the database test server did not start:\n" + r.out + r.err);
+int pg_port() {
+    static const int port = [] {
+        const char* state = std::getenv("RV_TEST_PGCLUSTER");
+        std::ifstream in(state ? state : "");
+        int found = 0;
+        for (std::string line; std::getline(in, line);) {
+            if (const auto eq = line.find('='); eq != std::string::npos) {
+                setenv(line.substr(0, eq).c_str(), line.c_str() + eq + 1, 1);
+                found = line.starts_with("PGPORT=") ? std::atoi(line.c_str() + eq + 1) : found;
+            }
         }
-    }
-    std::ifstream in(state);
-    std::string port;
-    if (!std::getline(in, server.socket_dir) || !std::getline(in, server.bindir) ||
-        !std::getline(in, port)) {
-        throw std::runtime_error("the database test server was not started: no state in " + state +
-                                 " (did the fixture test pgcluster_start fail?)");
-    }
-    server.port = std::atoi(port.c_str());
-    if (std::getenv("RV_TEST_PGCLUSTER") == nullptr) {
-        std::filesystem::remove(state);
-    }
-    setenv("PGHOST", server.socket_dir.c_str(), 1);
-    setenv("PGUSER", server.user.c_str(), 1);
-    return server;
+        if (found == 0) {
+            throw std::runtime_error("no database test server: run the Db tests through ctest, or set "
+                                     "RV_TEST_PGCLUSTER to the state file of pgcluster.sh start");
+        }
+        return found;
+    }();
+    return port;
 }
 
 PgRows pg_query(const std::string& db, const std::string& sql) {
-    const PgServer& server = pg_server();
-    const std::string conninfo = "host=" + server.socket_dir +
-                                 " port=" + std::to_string(server.port) + " user=" + server.user +
-                                 " dbname=" + db;
-    rv::PgConnPtr conn(PQconnectdb(conninfo.c_str()));
+    pg_port();
+    rv::PgConnPtr conn(PQconnectdb(("dbname=" + db).c_str()));
     if (PQstatus(conn.get()) != CONNECTION_OK) {
         throw std::runtime_error("cannot connect to " + db + ": " + PQerrorMessage(conn.get()));
     }
-    PQsetNoticeProcessor(
-        conn.get(), [](void*, const char*) {}, nullptr);
+    PQsetNoticeProcessor(conn.get(), [](void*, const char*) {}, nullptr);
     rv::PgResultPtr res(PQexec(conn.get(), sql.c_str()));
     const ExecStatusType status = PQresultStatus(res.get());
     if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
@@ -80,33 +63,29 @@ void pg_recreate_db(const std::string& name, const std::string& encoding) {
                              "' LC_COLLATE 'C' LC_CTYPE 'C'");
 }
 
-bool wait_for_active_query(const std::string& query, int timeout_ms) {
-    constexpr int kStepMs = 20;
-    std::string quoted;
-    for (const char c : query) {
-        quoted += c == '\'' ? std::string("''") : std::string(1, c);
+RunResult quit_during(const std::vector<std::string>& argv, const std::string& query) {
+    const auto start = std::chrono::steady_clock::now();
+    Background program(argv, kToolEnv);
+    const std::string active =
+        "select count(*) from pg_stat_activity where state = 'active' and query = $q$" + query + "$q$";
+    if (!eventually([&] { return pg_query("postgres", active).at(0).at(0) != "0"; })) {
+        throw std::runtime_error("no session ever ran " + query);
     }
-    const std::string sql =
-        "select count(*) from pg_stat_activity where state = 'active' and query = '" + quoted + "'";
-    for (int waited = 0; waited < timeout_ms; waited += kStepMs) {
-        if (pg_query("postgres", sql).at(0).at(0) != "0") {
-            return true;
-        }
-        usleep(kStepMs * 1000);
-    }
-    return false;
+    kill(program.pid(), SIGQUIT);
+    RunResult r = program.wait();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(4500))
+        << "the statement was not cut short";
+    return r;
 }
 
-void point_at_server(Sandbox& box) {
-    const std::string key = "gv_port_db=";
-    const std::string port = std::to_string(pg_server().port);
+void DbTest::SetUp() {
+    box.make_installation();
     std::string& extra = box.extra_sections;
-    if (const auto pos = extra.find(key); pos != std::string::npos) {
-        extra.replace(pos, extra.find('\n', pos) - pos, key + port);
-    } else {
-        extra += "[SERVER]\n" + key + port + "\n";
-    }
+    const auto at = extra.find("gv_port_db=") + 11;
+    extra.replace(at, extra.find('\n', at) - at, std::to_string(pg_port()));
     box.write_rv_ini();
+    prot = box.use_protocol();
+    pg_recreate_db("ravik_db");
 }
 
 }  // namespace rvtest

@@ -1,9 +1,11 @@
-// The throwaway PostgreSQL server of the database tests (see pgcluster.sh).
-// Under ctest the fixture test pgcluster_start starts one for the whole run
-// and the tests find its state file through RV_TEST_PGCLUSTER; a test
-// program run by hand starts its own on first use, stopped by the watchdog
-// once the program has ended.
+// The throwaway PostgreSQL server of the database tests. pgcluster.sh starts
+// it, under ctest once per run in the fixture test pgcluster_start, and
+// writes the environment that reaches it into the state file named by
+// RV_TEST_PGCLUSTER; the tests and the programs they start reach it through
+// that environment alone, and the programs under test through rv.ini.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <optional>
 
@@ -12,16 +14,11 @@
 
 namespace rvtest {
 
-struct PgServer {
-    std::string socket_dir;  // PGHOST, also the cluster's directory
-    std::string bindir;      // the server's programs, psql among them
-    int port = 0;
-    std::string user = "postgres";
-};
-
-// The server of this test run; exports PGHOST and PGUSER for the programs
-// the tests start. Throws std::runtime_error when there is none.
-const PgServer& pg_server();
+// Exports the server's environment (PGHOST, PGPORT, PGUSER, and RVPG_BIN,
+// the directory of its programs) into this process, so to the programs it
+// starts; returns the port. Throws
+// std::runtime_error when there is no server.
+int pg_port();
 
 // Rows of a query, NULL fields as nullopt.
 using PgRows = std::vector<std::vector<std::optional<std::string>>>;
@@ -30,9 +27,30 @@ PgRows pg_query(const std::string& db, const std::string& sql);
 // Creates database `name` anew (ending its sessions) from template0 with
 // `encoding` and the C locale.
 void pg_recreate_db(const std::string& name, const std::string& encoding = "UTF8");
-// Waits until a session runs exactly `query`; false after `timeout_ms`.
-bool wait_for_active_query(const std::string& query, int timeout_ms);
-// Points [SERVER] gv_port_db of the sandbox's rv.ini at pg_server().
-void point_at_server(Sandbox& box);
+
+// The environment of the programs under test: the port only from rv.ini.
+inline const Env kToolEnv{{"OS", ""}, {"PGPORT", ""}};
+// What a program writes on standard error when SIGQUIT (or halt) ends a statement.
+inline const std::string kQuitLine =
+    "signal_psql_handler: SIGQUIT received ----------------DB-ERROR---------------\n";
+
+// Runs `argv` with kToolEnv and sends it SIGQUIT once a session runs `query`,
+// a statement of five seconds; fails the test when the program outlives it.
+RunResult quit_during(const std::vector<std::string>& argv, const std::string& query);
+
+// Base of the database tests: an installation whose rv.ini names the
+// server's port, its protocol file, and a fresh database ravik_db.
+class DbTest : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    // Runs the built program `name` with `args` and kToolEnv.
+    static RunResult tool(const std::string& name, std::vector<std::string> args) {
+        args.insert(args.begin(), bin(name));
+        return run(args, kToolEnv);
+    }
+
+    Sandbox box;
+    std::string prot;
+};
 
 }  // namespace rvtest

@@ -1,12 +1,12 @@
 #!/bin/sh
-# pgcluster.sh start|stop STATE_FILE [GUARD_PID]: the throwaway PostgreSQL
-# server of the database tests. start stops a cluster left over in
-# STATE_FILE, runs initdb and pg_ctl into a temporary directory, reachable
-# only through a unix socket there, and writes its directory, the server's
-# programs and the port to STATE_FILE; stop stops it and removes both. As
-# root the server runs as user postgres, which PostgreSQL demands. A watchdog
-# in a session of its own (not hit by signals meant for the tests) stops the
-# server once GUARD_PID (by default the caller, ctest) has ended.
+# pgcluster.sh start|stop STATE_FILE: the throwaway PostgreSQL server of the
+# database tests. start stops a cluster left over in STATE_FILE, runs initdb
+# and pg_ctl into a temporary directory, reachable only through a unix socket
+# there, and writes to STATE_FILE the environment that reaches it (PGHOST,
+# PGPORT, PGUSER, RVPG_BIN for its programs), one NAME=value a line; stop
+# stops it and removes both. As root the server runs as user postgres. A
+# watchdog in a session of its own stops the server once its caller (ctest)
+# has ended.
 set -u
 cmd=${1:-}
 state=${2:-}
@@ -20,13 +20,12 @@ stop_cluster() {  # ROOT BINDIR
 case "$cmd" in
 watch) while kill -0 "$4" 2>/dev/null; do sleep 1; done; stop_cluster "$2" "$3"; exit 0 ;;
 start | stop) [ -n "$state" ] || cmd= ;;
+*) cmd= ;;
 esac
-if [ -z "$cmd" ]; then
-    echo "usage: $0 start|stop STATE_FILE [GUARD_PID]" >&2
-    exit 2
-fi
+[ -n "$cmd" ] || { echo "usage: $0 start|stop STATE_FILE" >&2; exit 2; }
 if [ -f "$state" ]; then
-    { read -r root && read -r bindir; } <"$state" && stop_cluster "$root" "$bindir"
+    root=$(sed -n 's/^PGHOST=//p' "$state")
+    [ -n "$root" ] && stop_cluster "$root" "$(sed -n 's/^RVPG_BIN=//p' "$state")"
     rm -f "$state"
     echo "pgcluster: stopped the cluster of $state"
 fi
@@ -36,10 +35,7 @@ bindir=
 for dir in /usr/lib/postgresql/*/bin "$(pg_config --bindir 2>/dev/null)"; do
     if [ -x "$dir/initdb" ] && [ -x "$dir/pg_ctl" ]; then bindir=$dir; break; fi
 done
-if [ -z "$bindir" ]; then
-    echo "pgcluster: no PostgreSQL server programs (initdb, pg_ctl); install postgresql" >&2
-    exit 1
-fi
+[ -n "$bindir" ] || { echo "pgcluster: no server programs (initdb, pg_ctl); install postgresql" >&2; exit 1; }
 root=$(mktemp -d "${TMPDIR:-/tmp}/rvpg.XXXXXX") || exit 1
 fail() {
     echo "pgcluster: $1 failed" >&2
@@ -50,14 +46,12 @@ fail() {
 # The socket lies in the cluster's own directory, so any port will do; one
 # apart from the standard port keeps other servers out.
 port=$((20000 + $$ % 20000))
-if [ "$(id -u)" = 0 ]; then
-    chown postgres: "$root" || fail "handing $root to user postgres"
-fi
+[ "$(id -u)" != 0 ] || chown postgres: "$root" || fail "handing $root to user postgres"
 as_pg "$bindir/initdb" -D "$root/data" -U postgres -A trust -E UTF8 --locale=C -N \
     >"$root/log" 2>&1 || fail initdb
 as_pg "$bindir/pg_ctl" -D "$root/data" -l "$root/server.log" -w -t 60 -o "-c listen_addresses='' \
 -k $root -p $port -c fsync=off -c full_page_writes=off -c synchronous_commit=off" start \
     >>"$root/log" 2>&1 || fail "pg_ctl start"
-setsid -f sh "$0" watch "$root" "$bindir" "${3:-$PPID}" </dev/null >/dev/null 2>&1
-printf '%s\n%s\n%s\n' "$root" "$bindir" "$port" >"$state"
+setsid -f sh "$0" watch "$root" "$bindir" "$PPID" </dev/null >/dev/null 2>&1
+printf 'PGHOST=%s\nPGPORT=%s\nPGUSER=postgres\nRVPG_BIN=%s\n' "$root" "$port" "$bindir" >"$state"
 echo "pgcluster: started, socket $root, port $port"
