@@ -1,8 +1,8 @@
 // The throwaway PostgreSQL server of the database tests. pgcluster.sh starts
-// it, under ctest once per run in the fixture test pgcluster_start, and
-// writes the environment that reaches it into the state file named by
-// RV_TEST_PGCLUSTER; the tests and the programs they start reach it through
-// that environment alone, and the programs under test through rv.ini.
+// it (ctest: once per run, in the test pgcluster_start) and writes the
+// environment that reaches it into the state file named by RV_TEST_PGCLUSTER.
+// The tests, psql and the loader reach it through that environment; the
+// update and export tools find its port in rv.ini.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,9 +14,8 @@
 
 namespace rvtest {
 
-// Exports the server's environment (PGHOST, PGPORT, PGUSER, and RVPG_BIN,
-// the directory of its programs) into this process, so to the programs it
-// starts; returns the port. Throws
+// Exports the server's environment (PGHOST, PGPORT, PGUSER; RVPG_BIN, its
+// programs) to this process and its children; returns the port. Throws
 // std::runtime_error when there is no server.
 int pg_port();
 
