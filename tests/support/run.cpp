@@ -16,24 +16,16 @@
 
 namespace rvtest {
 
-std::string bin(const std::string& name) {
-#ifdef RV_BIN_DIR
-    return std::string(RV_BIN_DIR) + "/" + name;
-#else
-    return name;
-#endif
-}
+std::string bin(const std::string& name) { return std::string(RV_BIN_DIR) + "/" + name; }
 
-Background::Background(const std::vector<std::string>& argv, const Env& env,
-                       const std::string& input) {
+Background::Background(const std::vector<std::string>& argv, const Env& env, const std::string& input) {
     for (const char* stem : {"rvin", "rvout", "rverr"}) {
-        std::string tmpl = (std::filesystem::temp_directory_path() / stem).string() + ".XXXXXX";
-        const int fd = mkstemp(tmpl.data());
+        files_.push_back((std::filesystem::temp_directory_path() / stem).string() + ".XXXXXX");
+        const int fd = mkstemp(files_.back().data());
         if (fd < 0) {
             throw std::runtime_error("mkstemp failed");
         }
         close(fd);
-        files_.push_back(tmpl);
     }
     write_file(files_[0], input);
     std::vector<char*> args;
@@ -41,17 +33,12 @@ Background::Background(const std::vector<std::string>& argv, const Env& env,
         args.push_back(const_cast<char*>(a.c_str()));
     }
     args.push_back(nullptr);
-    pid_ = fork();
-    if (pid_ < 0) {
+    if ((pid_ = fork()) < 0) {
         throw std::runtime_error("fork failed");
     }
     if (pid_ == 0) {
         for (const auto& [key, value] : env) {
-            if (value.empty()) {
-                unsetenv(key.c_str());
-            } else {
-                setenv(key.c_str(), value.c_str(), 1);
-            }
+            value.empty() ? unsetenv(key.c_str()) : setenv(key.c_str(), value.c_str(), 1);
         }
         for (int fd = 0; fd < 3; ++fd) {
             dup2(open(files_[fd].c_str(), fd == 0 ? O_RDONLY : O_WRONLY | O_TRUNC), fd);
@@ -81,10 +68,6 @@ RunResult Background::wait() {
     result.out = read_file(files_[1]);
     result.err = read_file(files_[2]);
     return result;
-}
-
-RunResult run(const std::vector<std::string>& argv, const Env& env, const std::string& input) {
-    return Background(argv, env, input).wait();
 }
 
 bool eventually(const std::function<bool()>& done) {

@@ -13,8 +13,7 @@
 namespace rvtest {
 
 struct RunResult {
-    std::string out;
-    std::string err;
+    std::string out, err;
     int status = -1;  // exit status, or 128 + signal number
 };
 
@@ -27,8 +26,7 @@ std::string bin(const std::string& name);
 // object goes away before wait().
 class Background {
   public:
-    explicit Background(const std::vector<std::string>& argv, const Env& env = {},
-                        const std::string& input = "");
+    explicit Background(const std::vector<std::string>& argv, const Env& env = {}, const std::string& input = "");
     ~Background();
     Background(const Background&) = delete;
     Background& operator=(const Background&) = delete;
@@ -40,8 +38,9 @@ class Background {
     std::vector<std::string> files_;  // standard input, output, error
 };
 
-RunResult run(const std::vector<std::string>& argv, const Env& env = {},
-              const std::string& input = "");
+inline RunResult run(const std::vector<std::string>& argv, const Env& env = {}, const std::string& input = "") {
+    return Background(argv, env, input).wait();
+}
 
 // True once `done` holds; false when it did not within ten seconds. For
 // waiting on something observable (a file, a process), never on time.

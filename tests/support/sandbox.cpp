@@ -1,14 +1,15 @@
 #include "support/sandbox.hpp"
 
-#include "config/log_setup.hpp"
-
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+#include "config/log_setup.hpp"
 
 namespace fs = std::filesystem;
 
@@ -20,13 +21,11 @@ Sandbox::Sandbox() {
         throw std::runtime_error("mkdtemp failed");
     }
     root_ = tmpl;
-    keys_ = {{"gv_ro", path("ro/")},         {"gv_ro_bin", path("ro/bin/")},
-             {"gv_ro_db", path("ro/db/")},   {"gv_rw", path("rw/")},
-             {"gv_rw_db", path("rw/db/")},   {"gv_rw_work", path("rw/work/")},
-             {"gv_rw_tmp", path("rw/tmp/")}, {"gv_rw_ini", path("rw/ini/")},
-             {"gv_rw_lgc", path("rw/lgc/")}, {"gv_rw_glbv", path("rw/glbv/")}};
-    for (const auto& [key, dir] : keys_) {
-        fs::create_directories(dir);
+    for (const char* key : {"gv_ro", "gv_ro_bin", "gv_ro_db", "gv_rw", "gv_rw_db", "gv_rw_work",
+                            "gv_rw_tmp", "gv_rw_ini", "gv_rw_lgc", "gv_rw_glbv"}) {
+        std::string rel = std::string(key).substr(3) + "/";  // gv_ro_bin -> ro/bin/
+        std::replace(rel.begin(), rel.end(), '_', '/');
+        fs::create_directories(keys_[key] = path(rel));
     }
     write_file(root_ini(), "# root configuration\nRV_INI=" + rv_ini() + "\n");
     write_rv_ini();
@@ -37,18 +36,9 @@ Sandbox::Sandbox() {
 }
 
 Sandbox::~Sandbox() {
-    if (saved_ravik_ini_) {
-        setenv("RAVIK_INI", saved_ravik_ini_->c_str(), 1);
-    } else {
-        unsetenv("RAVIK_INI");
-    }
+    saved_ravik_ini_ ? setenv("RAVIK_INI", saved_ravik_ini_->c_str(), 1) : unsetenv("RAVIK_INI");
     std::error_code ec;
     fs::remove_all(root_, ec);
-}
-
-std::string Sandbox::dir(const std::string& key) const {
-    const auto it = keys_.find(key);
-    return it == keys_.end() ? std::string() : it->second;
 }
 
 void Sandbox::write_rv_ini(const std::string& extra) {
@@ -60,17 +50,15 @@ void Sandbox::write_rv_ini(const std::string& extra) {
 }
 
 void Sandbox::set_path_key(const std::string& key, const std::string& value) {
-    if (value.empty()) {
-        keys_.erase(key);
-    } else {
+    keys_.erase(key);
+    if (!value.empty()) {
         keys_[key] = value;
     }
     write_rv_ini();
 }
 
 void Sandbox::make_installation() {
-    write_file(root_ini(),
-               "RV_INI=" + rv_ini() + "\nOPENRDA_INI=" + path("etc/openrda.ini") + "\n");
+    write_file(root_ini(), "RV_INI=" + rv_ini() + "\nOPENRDA_INI=" + path("etc/openrda.ini") + "\n");
     extra_sections += "[SERVER]\ngv_port_db=5432\n";
     write_rv_ini();
     write_file(dir("gv_ro") + "skel/ravik_srv.1.6.4", "[CVS_UPDATE]\nversion=1.6.4.71\n");
@@ -79,9 +67,17 @@ void Sandbox::make_installation() {
     write_file(dir("gv_rw_db") + "schema/ravik/sub/media.dat", "media\n");
 }
 
-void Sandbox::write_debug_ini(const std::string& content) {
-    write_file(dir("gv_rw_ini") + "debug.ini", content);
+std::string Sandbox::checkenv_report(const std::string& newv, const std::string& oldv) const {
+    return "[Check enviroment]\n [common]\n  operating system:   linux-gnu\n  separator:          /\n"
+           "  database typ:       -\n  rv_db_update ini:   " + dir("gv_ro") + "skel/rv_db_update.ini\n"
+           " [new ravik version]\n  ravik root path:    " + dir("gv_ro") +
+           "\n  ravik binaries:     " + dir("gv_ro_bin") + "\n  db bin path:        " + dir("gv_ro_db") +
+           "\n  ini path:           " + dir("gv_rw_ini") + "\n  db path:            " + dir("gv_rw_db") +
+           "\n  work path:          " + dir("gv_rw_work") + "\n  ravik version:      " + newv +
+           "\n [old ravik version]\n  ravik version:      " + oldv + "\n\n";
 }
+
+void Sandbox::write_debug_ini(const std::string& content) { write_file(dir("gv_rw_ini") + "debug.ini", content); }
 
 void Sandbox::set_glbv(const std::string& name, const std::string& value) {
     write_file(dir("gv_rw_glbv") + name + ".rgv", value);
@@ -104,9 +100,8 @@ void write_file(const std::string& file, const std::string& content) {
 }
 
 std::string read_file(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
     std::ostringstream ss;
-    ss << in.rdbuf();
+    ss << std::ifstream(file, std::ios::binary).rdbuf();
     return ss.str();
 }
 
@@ -117,10 +112,6 @@ std::vector<std::string> split_lines(const std::string& text) {
         lines.push_back(line);
     }
     return lines;
-}
-
-std::vector<std::string> read_lines(const std::string& file) {
-    return split_lines(read_file(file));
 }
 
 std::vector<std::string> protocol_texts(const std::string& file) {
@@ -134,8 +125,7 @@ std::vector<std::string> protocol_texts(const std::string& file) {
     return texts;
 }
 
-CaptureFd::CaptureFd(int fd) : fd_(fd) {
-    file_ = (fs::temp_directory_path() / "rvcap.XXXXXX").string();
+CaptureFd::CaptureFd(int fd) : fd_(fd), file_((fs::temp_directory_path() / "rvcap.XXXXXX").string()) {
     const int tmp = mkstemp(file_.data());
     if (tmp < 0) {
         throw std::runtime_error("mkstemp failed");

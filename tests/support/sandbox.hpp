@@ -2,6 +2,7 @@
 // root configuration file (reached through RAVIK_INI), an rv.ini whose
 // [PATHES] point into the sandbox, and the directories they name. The
 // directory is removed and RAVIK_INI restored when the sandbox goes away.
+// Beside it: file helpers and the capture of a file descriptor's output.
 #pragma once
 
 #include <filesystem>
@@ -20,10 +21,9 @@ class Sandbox {
     Sandbox& operator=(const Sandbox&) = delete;
 
     const std::filesystem::path& root() const { return root_; }
-    // "<root>/<rel>" as text.
     std::string path(const std::string& rel) const { return (root_ / rel).string(); }
-    // Directory value of a [PATHES] key, with its trailing '/'.
-    std::string dir(const std::string& key) const;
+    // Directory value of a [PATHES] key, with its trailing '/'; "" if unset.
+    std::string dir(const std::string& key) const { return keys_.contains(key) ? keys_.at(key) : ""; }
     std::string rv_ini() const { return path("etc/rv.ini"); }
     std::string root_ini() const { return path("etc/ravik.ini"); }
 
@@ -31,19 +31,17 @@ class Sandbox {
     void write_rv_ini(const std::string& extra = "");
     // Sets or, with an empty value, removes a [PATHES] key; rewrites rv.ini.
     void set_path_key(const std::string& key, const std::string& value);
-    // Makes the sandbox a complete installation: OPENRDA_INI in the root
-    // file, [SERVER] gv_port_db, version files of the new release 1.6.4.71
-    // (skel/ravik_srv.1.6.4) and the old release 1.6.3.20
-    // (downgrade/skel/ravik_srv.1.6.3), and a schema directory
-    // <gv_rw_db>schema/ravik/ with two files.
+    // Makes the sandbox a complete installation: OPENRDA_INI, [SERVER]
+    // gv_port_db, version files of the new release 1.6.4.71 (skel/ravik_srv.1.6.4)
+    // and the old one 1.6.3.20 (downgrade/skel/ravik_srv.1.6.3), and
+    // <gv_rw_db>schema/ravik/ with base.dat and sub/media.dat.
     void make_installation();
-    // Writes <gv_rw_ini>debug.ini.
-    void write_debug_ini(const std::string& content);
-    // Writes the global variable `name` (<gv_rw_glbv><name>.rgv).
-    void set_glbv(const std::string& name, const std::string& value);
-    // Points the protocol (global variable gv_prot) at <root>/prot.log;
-    // returns that path.
-    std::string use_protocol();
+    // The environment report rv_db_update prints for this installation
+    // (operating system linux-gnu) and the two releases.
+    std::string checkenv_report(const std::string& newv, const std::string& oldv) const;
+    void write_debug_ini(const std::string& content);                // <gv_rw_ini>debug.ini
+    void set_glbv(const std::string& name, const std::string& value);  // <gv_rw_glbv><name>.rgv
+    std::string use_protocol();  // gv_prot set to <root>/prot.log, returned
 
     // Extra text appended to rv.ini on every rewrite ([SETUP], [SERVER], ...).
     std::string extra_sections;
@@ -60,7 +58,7 @@ void write_file(const std::string& file, const std::string& content);
 std::string read_file(const std::string& file);
 // Lines of `text` (a last line without line feed counts), and of `file`.
 std::vector<std::string> split_lines(const std::string& text);
-std::vector<std::string> read_lines(const std::string& file);
+inline std::vector<std::string> read_lines(const std::string& file) { return split_lines(read_file(file)); }
 // The lines of protocol file `file` as "<12-character code> <text>", without
 // time stamp and process id (a line of another shape stays whole).
 std::vector<std::string> protocol_texts(const std::string& file);
@@ -73,8 +71,7 @@ class CaptureFd {
     ~CaptureFd() { finish(); }
     CaptureFd(const CaptureFd&) = delete;
     CaptureFd& operator=(const CaptureFd&) = delete;
-    // Stops capturing and returns what was written.
-    std::string finish();
+    std::string finish();  // stops capturing, returns what was written
 
   private:
     int fd_;
