@@ -1,130 +1,115 @@
-// The command line of rv_db_update as an operator meets it: usage texts,
-// command selection by (shortened) word, -v, status lines, exit statuses and
-// the trace file of a sandbox installation.
+// rv_db_update as a program on a sandbox installation: exit statuses of the
+// real binary, its trace file and -v echo, db_backup and db_restore with the
+// real archiver, the operator's answer on standard input, and the child of a
+// step that must not outlive a killed tool.
 #include <gtest/gtest.h>
+
+#include <signal.h>
+
+#include <filesystem>
 
 #include "support/run.hpp"
 #include "support/sandbox.hpp"
 
 namespace {
 
-using rvtest::run;
-
+namespace fs = std::filesystem;
 const std::string kTool = rvtest::bin("rv_db_update");
-const std::string kUsage = "Usage:\n" + kTool +
-                           " update [{old_version} {new_version}]|downgrade|db_backup|db_restore|"
-                           "set_params_fix [-v 0|1|2]\n";
-const std::string kWarning = "STATUS=WARNING MSG=Usage:\n" + kTool +
-                             " update|downgrade|db_backup|db_restore|set_params_fix [-v 0|1|2]\n\n";
 
-class CommandLine : public ::testing::Test {
+class Tool : public ::testing::Test {
   protected:
+    void SetUp() override { box.make_installation(); }
+    rvtest::RunResult tool(std::vector<std::string> args, const std::string& input = "") {
+        args.insert(args.begin(), kTool);
+        return rvtest::run(args, {{"OS", ""}, {"OSTYPE", "linux-gnu"}, {"LD_LIBRARY_PATH", ""}}, input);
+    }
+    bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
     rvtest::Sandbox box;
     std::string ro = box.dir("gv_ro");
+    std::string schema = box.dir("gv_rw_db") + "schema/ravik/";
+    std::string trace = box.dir("gv_rw_lgc") + "rv_db_update.lgc";
 };
 
-TEST_F(CommandLine, UsageAndWarningWithoutACommand) {
-    // "-v" in the command position: the level is set, then usage.
-    const std::pair<std::vector<std::string>, std::string> usage[] = {
-        {{}, kUsage},
-        {{"-h"}, kUsage},
-        {{"upgrade"}, kUsage},
-        {{"-v", "2"}, "-v set to 2\n" + kUsage},
-        // A word inside the command list gives the warning.
-        {{"date"}, kWarning},
-        {{"fix"}, kWarning},
-        {{"d"}, kWarning},
-        {{"s"}, kWarning},
-        {{"|"}, kWarning},
-    };
-    for (auto [args, out] : usage) {
-        args.insert(args.begin(), kTool);
-        const auto r = run(args);
-        EXPECT_EQ(r.status, 1) << args.back();
-        EXPECT_EQ(r.out, out) << args.back();
-    }
-    // A missing trace directory is reported and the run goes on.
-    box.set_path_key("gv_rw_lgc", "");
-    const auto r = run({kTool});
+TEST_F(Tool, UsageTraceFileAndVerboseEcho) {
+    auto r = tool({});
     EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("FATAL: SET_LOG_MAIN: gv_rw_lgc not set"), std::string::npos) << r.err;
-    EXPECT_EQ(r.out, kUsage);
-}
-
-TEST_F(CommandLine, ShortenedWordsSelectCommands) {
-    box.make_installation();
-    rvtest::write_file(ro + "skel/rv_db_update.ini",
-                       "[Update 1.6.4.]\nlast_step_nr=1\nstep_1=cmd echo\n"
-                       "[Downgrade 1.6.4.]\nlast_step_nr=1\nstep_1=cmd echo\n");
-    const std::pair<const char*, std::string> words[] = {
-        {"up", "[Update from 1.6.3.20 to 1.6.4.71]\nstep=1 cmd=echo\n"},
-        {"", "[Update from 1.6.3.20 to 1.6.4.71]\nstep=1 cmd=echo\n"},
-        {"db", "tar -cvf "},
-        {"db_r", "tar -xvf "},
-        {"set", "update params_fix set version='1.6.4.71' where kunde='QOR-RAVIK'\n"},
-    };
-    for (const auto& [word, text] : words) {
-        const auto r = run({kTool, word}, {{"OS", ""}});
-        EXPECT_EQ(r.status, 0) << '"' << word << '"';
-        EXPECT_NE(r.out.find(text), std::string::npos) << r.out;
-    }
-    // downgrade: 1.6.4 knows only the way back to 1.6.2, so nothing happens.
-    const auto down = run({kTool, "do"}, {{"OS", ""}});
-    EXPECT_EQ(down.status, 0);
-    EXPECT_EQ(down.out.find("STATUS="), std::string::npos);
-    EXPECT_EQ(down.out.find("[Downgrade"), std::string::npos);
-}
-
-TEST_F(CommandLine, DowngradePaths) {
-    box.make_installation();
-    const std::string skel = ro + "skel/ravik_srv.1.6.4";
-    const std::string old = ro + "downgrade/skel/ravik_srv.1.6.3";
-    rvtest::write_file(ro + "skel/rv_db_update.ini",
-                       "[Downgrade 1.6.4.]\nlast_step_nr=1\nstep_1=cmd echo\n"
-                       "[Downgrade 2.0.1.]\nlast_step_nr=1\nstep_1=cmd echo 2\n");
-    rvtest::write_file(old, "[CVS_UPDATE]\nversion=1.6.2.9\n");
-    auto r = run({kTool, "downgrade"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_NE(r.out.find("[Downgrade from 1.6.4 to 1.6.2]\nstep=1 cmd=echo\n"), std::string::npos)
-        << r.out;
-    rvtest::write_file(skel, "[CVS_UPDATE]\nversion=2.0.1.3\n");
-    rvtest::write_file(old, "[CVS_UPDATE]\nversion=1.6.3.20\n");
-    r = run({kTool, "downgrade"});
-    EXPECT_NE(r.out.find("[Downgrade from 2.0.1 to 1.6.3]\nstep=1 cmd=echo 2\n"), std::string::npos)
-        << r.out;
-    rvtest::write_file(skel, "[CVS_UPDATE]\nversion=1.7.0.1\n");
-    r = run({kTool, "downgrade"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.out.substr(r.out.find("STATUS=")),
-              "STATUS=ERROR MSG=Es sind keine Downgrade Informationen fuer diese Version "
-              "verfuegbar.\n");
-}
-
-TEST_F(CommandLine, TraceFileAndVerboseEcho) {
+    EXPECT_TRUE(r.out.starts_with("Usage:\n" + kTool + " update [")) << r.out;
     box.write_debug_ini("OTHER=1\nRV_DB_UPDATE=2\n");
-    auto r = run({kTool, "update", "1.6.3.20", "1.6.4.71"});
+    r = tool({"update", "1.6.3.20", "1.6.4.71"});
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err.find("DbUpdate"), std::string::npos) << "no echo without -v or STDERR=1";
-    EXPECT_EQ(r.out.find("version file"), std::string::npos) << "versions given, none detected";
-    const std::string trace = box.dir("gv_rw_lgc") + "rv_db_update.lgc";
-    const std::string all = rvtest::read_file(trace);
-    EXPECT_NE(all.find("Logging enabled for module RV_DB_UPDATE: Loglevel 2, PID="),
-              std::string::npos);
-    EXPECT_NE(
-        all.find("# rv_db_update 1.0.0 called with: " + kTool + " update 1.6.3.20 1.6.4.71 \n"),
-        std::string::npos)
-        << all;
+    EXPECT_FALSE(has(r.err, "DbUpdate")) << "no echo without -v or STDERR=1";
+    EXPECT_FALSE(has(r.out, "version file")) << "versions given, none detected";
+    EXPECT_TRUE(has(rvtest::read_file(trace), "Logging enabled for module RV_DB_UPDATE: Loglevel 2, PID="));
+    EXPECT_TRUE(has(rvtest::read_file(trace),
+                    "# rv_db_update 1.0.0 called with: " + kTool + " update 1.6.3.20 1.6.4.71 \n"));
 
     // -v overrides the level and echoes the trace to standard error.
     box.write_debug_ini("RV_DB_UPDATE=0\n");
-    r = run({kTool, "db_backup", "-v", "1"});
+    fs::remove(ro + "skel/ravik_srv.1.6.4");
+    r = tool({"db_backup", "-v", "1"});
     EXPECT_EQ(r.status, 2);
     EXPECT_TRUE(r.out.starts_with("-v set to 1\n")) << r.out;
-    EXPECT_NE(r.err.find("+++ FINISH  2  rv_db_update breaks because there is no version file: "),
-              std::string::npos)
-        << r.err;
-    EXPECT_NE(r.err.find("--- FINISH ERROR: rv_db_update breaks "), std::string::npos) << r.err;
-    EXPECT_NE(rvtest::read_file(trace).find("+++ FINISH"), std::string::npos);
+    EXPECT_TRUE(has(r.err, "+++ FINISH  2  rv_db_update breaks because there is no version file: ")) << r.err;
+    EXPECT_TRUE(has(r.err, "--- FINISH ERROR: rv_db_update breaks ")) << r.err;
+    EXPECT_TRUE(has(rvtest::read_file(trace), "+++ FINISH"));
+}
+
+TEST_F(Tool, BackupCreatesTheArchiveOnceAndRestoreBringsFilesBack) {
+    const std::string tar = ro + "downgrade/ravik_db.tar";
+    const std::string report = box.checkenv_report("1.6.4.71", "1.6.3.20");
+    auto r = tool({"db_backup"});
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_TRUE(r.out.starts_with(report + "cd " + schema + "; [ -f " + tar + " ] || tar -cvf " + tar + " ."))
+        << r.out;
+    EXPECT_FALSE(has(r.out, "STATUS="));
+    ASSERT_TRUE(fs::exists(tar));
+    const auto size = fs::file_size(tar);
+    const auto stamp = fs::last_write_time(tar);
+
+    // A second backup never overwrites the archive.
+    rvtest::write_file(schema + "later.dat", "later\n");
+    EXPECT_EQ(tool({"db"}).status, 0);
+    EXPECT_EQ(fs::file_size(tar), size);
+    EXPECT_EQ(fs::last_write_time(tar), stamp);
+
+    fs::remove(schema + "base.dat");
+    fs::remove_all(schema + "sub");
+    r = tool({"db_restore"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(r.out.starts_with(report + "cd " + schema + " ; tar -xvf " + tar + " .")) << r.out;
+    EXPECT_EQ(rvtest::read_file(schema + "base.dat"), "base\n");
+    EXPECT_EQ(rvtest::read_file(schema + "sub/media.dat"), "media\n");
+}
+
+TEST_F(Tool, OperatorIsAskedForAnUnreadableOldVersion) {
+    rvtest::write_file(ro + "downgrade/skel/ravik_srv.1.6.3", "[CVS_UPDATE]\n");
+    const std::string ask = "Die alte QOR ravik2000 Version konnte nicht erkannt werden.\n"
+                            "Bitte geben Sie die Versionsnummer an (default: 1.6.4.71):\n";
+    for (const auto& [input, version] : {std::pair{"2.0\n", "2.0"}, std::pair{"", "1.6.4.71"}}) {
+        const auto r = tool({"db_backup"}, input);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_TRUE(r.out.starts_with(ask + "Update von Version: " + version + "\n" +
+                                      box.checkenv_report("1.6.4.71", version))) << r.out;
+    }
+}
+
+TEST_F(Tool, AChildDoesNotOutliveTheTool) {
+    const std::string pidfile = box.path("child.pid");
+    rvtest::write_file(box.path("child.sh"),
+                       "echo $$ > " + pidfile + ".new && mv " + pidfile + ".new " + pidfile + "\nexec sleep 600\n");
+    rvtest::write_file(ro + "skel/rv_db_update.ini",
+                       "[Update 1.6.4.]\nlast_step_nr=1\nstep_1=cmd sh " + box.path("child.sh") + "\n");
+    rvtest::Background tool({kTool, "update", "1.6.3.20", "1.6.4.71"});
+    ASSERT_TRUE(rvtest::eventually([&] { return fs::exists(pidfile); })) << "the step's child never started";
+    const pid_t child = std::stoi(rvtest::read_file(pidfile));
+    ASSERT_FALSE(rvtest::process_gone(child));
+    kill(tool.pid(), SIGKILL);
+    EXPECT_EQ(tool.wait().status, 128 + SIGKILL);
+    EXPECT_TRUE(rvtest::eventually([&] { return rvtest::process_gone(child); })) << "the child " << child << " outlived the tool";
+    if (!rvtest::process_gone(child)) {
+        kill(child, SIGKILL);
+    }
 }
 
 }  // namespace

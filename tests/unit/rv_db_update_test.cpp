@@ -1,0 +1,258 @@
+// rv_db_update run in-process on a sandbox installation: usage texts and
+// command selection, the downgrade paths, how the releases are found, and a
+// whole update script with its console, files and trace.
+#include "cli/commands.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <regex>
+
+#include "config/product.hpp"
+#include "support/fake_runner.hpp"
+#include "support/product_test.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Args = std::vector<std::string>;
+constexpr auto npos = std::string::npos;
+
+class RvDbUpdate : public rvtest::ProductTest {
+  protected:
+    void SetUp() override {
+        ProductTest::SetUp();
+        box.make_installation();
+        for (const char* name : {"OS", "OSTYPE", "PATH", "PGPORT", "OPENRDA_INI", "LD_LIBRARY_PATH"}) {
+            const char* value = std::getenv(name);
+            saved.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
+        }
+        unsetenv("OS");
+        setenv("OSTYPE", "linux-gnu", 1);
+    }
+    void TearDown() override {
+        for (const auto& [name, value] : saved) {
+            value ? setenv(name, value->c_str(), 1) : unsetenv(name);
+        }
+        rv::pathes = rv::x{};
+        rv::rvdb_ini.clear();
+        rv::glbvVersion.reset();
+        ProductTest::TearDown();
+    }
+    // Runs "rv_db_update <args>": the exit status; the console into out, err.
+    int run(Args args) {
+        args.insert(args.begin(), "rv_db_update");
+        std::vector<char*> argv;
+        for (auto& arg : args) {
+            argv.push_back(arg.data());
+        }
+        int status = -1;
+        out = rvtest::capture(1, [&] {
+            err = rvtest::capture(2, [&] { status = rv::rv_db_update_main(int(args.size()), argv.data()); });
+        });
+        return status;
+    }
+    void script(const std::string& text) { rvtest::write_file(ro + "skel/rv_db_update.ini", text); }
+    void version_file(const std::string& name, const std::string& version) {
+        rvtest::write_file(ro + name, "[CVS_UPDATE]\nversion=" + version + "\n");
+    }
+
+    std::vector<std::pair<const char*, std::optional<std::string>>> saved;
+    std::string ro = box.dir("gv_ro");
+    std::string out, err;
+};
+
+TEST_F(RvDbUpdate, UsageAndWarningWithoutACommand) {
+    const std::string usage = "Usage:\nrv_db_update update [{old_version} {new_version}]|downgrade|"
+                              "db_backup|db_restore|set_params_fix [-v 0|1|2]\n";
+    const std::string warning = "STATUS=WARNING MSG=Usage:\nrv_db_update "
+                                "update|downgrade|db_backup|db_restore|set_params_fix [-v 0|1|2]\n\n";
+    const std::pair<Args, std::string> cases[] = {
+        {{}, usage}, {{"-h"}, usage}, {{"upgrade"}, usage},
+        // "-v" in the command position: the level is set, then usage.
+        {{"-v", "2"}, "-v set to 2\n" + usage},
+        // A word inside the command list but at no command's start: the warning.
+        {{"date"}, warning}, {{"fix"}, warning}, {{"d"}, warning}, {{"s"}, warning}, {{"|"}, warning},
+    };
+    for (const auto& [args, text] : cases) {
+        EXPECT_EQ(run(args), 1) << testing::PrintToString(args);
+        EXPECT_EQ(out, text) << testing::PrintToString(args);
+    }
+    // A missing trace directory is reported and the run goes on.
+    box.set_path_key("gv_rw_lgc", "");
+    EXPECT_EQ(run({}), 1);
+    EXPECT_NE(err.find("FATAL: SET_LOG_MAIN: gv_rw_lgc not set"), npos) << err;
+    EXPECT_EQ(out, usage);
+}
+
+TEST_F(RvDbUpdate, WordsSelectCommandsAndDowngradePaths) {
+    script("[Update 1.6.4.]\nlast_step_nr=1\nstep_1=cmd echo\n[Downgrade 1.6.4.]\nlast_step_nr=1\nstep_1=cmd echo\n"
+           "[Downgrade 2.0.1.]\nlast_step_nr=1\nstep_1=cmd echo 2\n");
+    const std::string tar = ro + "downgrade/ravik_db.tar", schema = box.dir("gv_rw_db") + "schema/ravik/";
+    const std::string update = "Update main version: 1.6.4.\n[Update from 1.6.3.20 to 1.6.4.71]\nstep=1 cmd=echo\n";
+    const struct {
+        Args args;
+        int status;
+        std::string after_report;  // the rest of the console, database errors left out
+        const char *newv = "1.6.4.71", *oldv = "1.6.3.20";  // in the version files
+    } cases[] = {
+        {{"up"}, 0, update},
+        {{""}, 0, update},
+        {{"db"}, 0, "cd " + schema + "; [ -f " + tar + " ] || tar -cvf " + tar + " ."},
+        {{"db_r"}, 0, "cd " + schema + " ; tar -xvf " + tar + " ."},
+        {{"set"}, 0, "update params_fix set version='1.6.4.71' where kunde='QOR-RAVIK'\n"
+                     "update params_fix set update_date='<minute>' where kunde='QOR-RAVIK'\n"},
+        // 1.6.4 knows only the way back to 1.6.2: nothing happens.
+        {{"do"}, 0, ""},
+        {{"downgrade"}, 0, "[Downgrade from 1.6.4 to 1.6.2]\nstep=1 cmd=echo\n", "1.6.4.71", "1.6.2.9"},
+        {{"downgrade"}, 0, "[Downgrade from 2.0.1 to 1.6.3]\nstep=1 cmd=echo 2\n", "2.0.1.3"},
+        {{"downgrade"}, 2, "STATUS=ERROR MSG=Es sind keine Downgrade Informationen fuer diese Version verfuegbar.\n",
+         "1.7.0.1"},
+    };
+    const std::regex db_error(" got error from statement: .*\n"), minute("'[0-9]{12}'");
+    for (const auto& c : cases) {
+        rvtest::FakeRunner runner;
+        version_file("skel/ravik_srv.1.6.4", c.newv);
+        version_file("downgrade/skel/ravik_srv.1.6.3", c.oldv);
+        EXPECT_EQ(run(c.args), c.status) << c.args[0];
+        const std::string report = box.checkenv_report(c.newv, c.oldv);
+        ASSERT_TRUE(out.starts_with(report)) << out;
+        const std::string rest = std::regex_replace(out.substr(report.size()), db_error, "");
+        EXPECT_EQ(std::regex_replace(rest, minute, "'<minute>'"), c.after_report) << c.args[0];
+    }
+}
+
+TEST_F(RvDbUpdate, VersionFilesAndTheirPatterns) {
+    rvtest::FakeRunner runner;
+    fs::remove(ro + "skel/ravik_srv.1.6.4");
+    const std::string msg = "rv_db_update breaks because there is no version file: " + ro + "skel/*_srv.*.*";
+    EXPECT_EQ(run({"db_backup"}), 2);
+    EXPECT_EQ(err, "\nERROR: " + msg + "\n");
+    EXPECT_EQ(out, "STATUS=ERROR MSG=" + msg + "\n");
+    rvtest::write_file(ro + "skel/ravik_srv.1.6.4", "[CVS_UPDATE]\nrelease=1.6.4.71\n");
+    EXPECT_EQ(run({"db_backup"}), 2);
+    EXPECT_EQ(out, "STATUS=ERROR MSG=rv_db_update: couldn't find version file! "
+                   "i_GetPrivateProfileString: KEY NOT FOUND: version\n");
+    version_file("skel/ravik_srv.1.6.4", "1.6.4.71");
+
+    // Several files of the first old-version pattern are no error.
+    version_file("downgrade/skel/other_srv.1.6.3", "1.6.3.20");
+    EXPECT_EQ(run({"db_backup"}), 0);
+    // The second pattern must match exactly one file.
+    fs::remove_all(ro + "downgrade/skel");
+    version_file("downgrade/skel/ravik_srv1.6.3", "1.6.3.5");
+    EXPECT_EQ(run({"db_backup"}), 0);
+    EXPECT_NE(out.find(box.checkenv_report("1.6.4.71", "1.6.3.5")), npos) << out;
+    version_file("downgrade/skel/other_srv2.0.1", "2.0.1.1");
+    EXPECT_EQ(run({"db_backup"}), 2);
+    EXPECT_NE(err.find("rv_db_update breaks because there are several old version files: "), npos);
+    EXPECT_TRUE(err.ends_with("!!\n")) << err;
+    EXPECT_TRUE(out.ends_with("!\n")) << out;
+    fs::remove_all(ro + "downgrade/skel");
+    fs::create_directories(ro + "downgrade/skel");
+    EXPECT_EQ(run({"db_backup"}), 2);
+    EXPECT_EQ(out, "STATUS=ERROR MSG=rv_db_update breaks because there is no old version file: " + ro +
+                       "downgrade/skel/*_srv*.?.?\n");
+}
+
+TEST_F(RvDbUpdate, VersionsFromTheCommandLineAndWindows) {
+    fs::remove_all(ro + "skel");
+    fs::remove_all(ro + "downgrade");
+    EXPECT_EQ(run({"update", "1.6.3.20", "2.0.1.5"}), 0);
+    EXPECT_EQ(out, box.checkenv_report("2.0.1.5", "1.6.3.20") +
+                       "Update main version: 2.0.1.\n[Update from 1.6.3.20 to 2.0.1.5]\n");
+    // Backslash paths do not exist here: the version check fails, but the
+    // report of the separator reaches the trace first.
+    setenv("OS", "Windows_NT", 1);
+    setenv("LD_LIBRARY_PATH", "/old", 1);
+    EXPECT_EQ(run({"db_backup", "-v", "2"}), 2);
+    EXPECT_NE(err.find("setenv() set LD_LIBRARY_PATH=" + box.dir("gv_ro_bin") + ";" + box.dir("gv_ro_db") +
+                       ";/old"), npos) << err;
+    EXPECT_NE(out.find("skel\\*_srv.*.*"), npos) << out;
+}
+
+// Steps through the real shell: nested sections, conditions, rmdir, skip,
+// exit, a missing step key and a malformed conditional line.
+const char* const kScript = R"([Update 1.6.4.]
+last_step_nr=11
+step_1=[ $old_version < "1.6.4." ] && cmd echo from $old_version to $new_version > gv_rw_work:versions_:gv_date:.txt
+step_2=[ $old_version >= "1.6.4." ] && cmd touch gv_rw_work:wrong_old.txt
+step_3=[ postgresql ] && cmd mkdir -p gv_export:sub
+step_4=[ oracle ] && cmd touch gv_rw_work:wrong_db.txt
+step_5=update nested 1
+step_6=skip
+step_8=[ $new_version == "1.6.4." ] && rmdir gv_rw_work:old
+step_9=[ $new_version > "1.6.4." ]&& cmd touch gv_rw_work:malformed.txt
+step_10=cmd  echo $new_version >> gv_rw_work:count.txt
+step_11=exit
+step_12=cmd touch gv_rw_work:beyond_last.txt
+
+[update nested 1]
+last_step_nr=3
+step_1=cmd echo nested > gv_rw_work:nested.txt
+step_2=exit
+step_3=cmd touch gv_rw_work:after_exit.txt
+
+[update loop]
+last_step_nr=1
+step_1=update loop
+)";
+
+TEST_F(RvDbUpdate, AnUpdateScriptRunsAsWritten) {
+    const std::string work = box.dir("gv_rw_work");
+    script(kScript);
+    box.set_glbv("gv_db_type", "POSTGRESQL");
+    box.set_glbv("gv_export", box.path("export/"));
+    rvtest::write_file(work + "old/deep/file", "x");
+    // The trace level by -v: "Logging enabled" comes once a process (trace_test).
+    EXPECT_EQ(run({"update", "1.6.3.20", "1.6.4.71", "-v", "2"}), 0) << out << err;
+    EXPECT_EQ(out.substr(out.find("Update main version:")),
+              "Update main version: 1.6.4.\n"
+              "[Update from 1.6.3.20 to 1.6.4.71]\n"
+              "step=1 cmd=echo from 1.6.3.20 to 1.6.4.71 > gv_rw_work:versions_:gv_date:.txt\n"
+              "step=3 cmd=mkdir -p gv_export:sub\n"
+              "step=1 cmd=echo nested > gv_rw_work:nested.txt\n"
+              "step=8 rmdir=gv_rw_work:old\n"
+              "WARNING: condition line in illegal format!\n"
+              ">>>[ $new_version > \"1.6.4.\" ]&& cmd touch gv_rw_work:malformed.txt<<<\n"
+              "format required: [ {argument} {operator} {argument} ] && {keyword} {command}\n"
+              " argument: \n"
+              "     $old_version  >>  current version\n"
+              "     $new_version  >>  update version\n"
+              "     \"{string}\"\n"
+              " operator:  < | > | <= | >= | == | <>\n"
+              " keyword:   change | cmd | dump | export | exit | import | rmdir | sql | skip | update\n"
+              " command:   any valid command for given keyword\n"
+              "step=10 cmd=echo 1.6.4.71 >> gv_rw_work:count.txt\n");
+    // What the steps did: the stamped file of step 1 and the others; step 7
+    // has no key, so step 6 (skip) runs again and nothing else happens.
+    std::vector<std::string> files;
+    for (const auto& entry : fs::directory_iterator(work)) {
+        files.push_back(std::regex_replace(entry.path().filename().string(), std::regex("_[0-9]{14}\\."), "_<stamp>."));
+    }
+    std::sort(files.begin(), files.end());
+    EXPECT_EQ(files, (std::vector<std::string>{"count.txt", "nested.txt", "versions_<stamp>.txt"}));
+    EXPECT_TRUE(fs::is_directory(box.path("export/sub")));
+    EXPECT_EQ(rvtest::read_file(work + "nested.txt"), "nested\n");
+    EXPECT_EQ(rvtest::read_file(work + "count.txt"), "1.6.4.71\n");
+    const std::string trace = rvtest::read_file(box.dir("gv_rw_lgc") + "rv_db_update.lgc");
+    for (const char* line : {
+             "# +++ DbUpdate [Update 1.6.4.]\n",
+             "#   +++ PARSER [ $old_version < \"1.6.4.\" ] && cmd echo from $old_version to "
+             "$new_version > gv_rw_work:versions_:gv_date:.txt  (1)\n",
+             "#     condition is valid: [ \"1.6.3.20\" < \"1.6.4.\" ]\n",
+             "#     condition is not valid: [ \"1.6.3.20\" >= \"1.6.4.\" ]\n",
+             "#     condition is not valid: oracle\n",
+             "#       --- PARSER breaks bcs. of keyword 'exit'\n",
+             "# --- DbUpdate Update 1.6.4.\n",
+         }) {
+        EXPECT_NE(trace.find(line), npos) << line;
+    }
+    // A section that calls itself ends the run with the status line.
+    script(std::string(kScript) + "[Update 2.0.1.]\nlast_step_nr=1\nstep_1=update loop\n");
+    EXPECT_EQ(run({"update", "1.6.3.20", "2.0.1.3"}), 2);
+    EXPECT_TRUE(out.ends_with("\nSTATUS=ERROR MSG=iDbUpdate: sections nested deeper than 64, section "
+                              "[update loop] not run (does a section call itself?)\n")) << out;
+}
+
+}  // namespace
