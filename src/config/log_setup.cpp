@@ -18,9 +18,6 @@ namespace rv {
 
 namespace {
 
-// The "Logging enabled" line is written once per process.
-bool iLogEnabledMsg = false;
-
 // Lines of the debug settings file are read in pieces of at most this many
 // characters.
 constexpr std::size_t kTraceLinePiece = 254;
@@ -152,8 +149,7 @@ void v_set_log_main(std::string_view cpKeyFile, std::string_view cpKeyDebug) {
         strLog.iFlg = log_check(cpKeyDebug);
         if (strLog.iFlg != 0) {
             strLog.szIns.clear();
-            if (!iLogEnabledMsg) {
-                iLogEnabledMsg = true;
+            if (first_announcement()) {
                 std::string parent;
                 get_parent_info(parent);
                 const std::string module(cpKeyDebug);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
+#include <utility>
 
 #include "sys/file_io.hpp"
 #include "sys/strings.hpp"
@@ -16,6 +17,8 @@ namespace {
 
 // Nesting depth of entry and exit lines.
 int iIndex = 0;
+// Whether the trace has said that it is enabled.
+bool iLogEnabledMsg = false;
 
 struct TimeOfDay {
     int hour = 0;
@@ -85,8 +88,11 @@ void WRITE_TRACE(int iLevel, const char* cpFormat, ...) {
     }
 }
 
+bool first_announcement() { return !std::exchange(iLogEnabledMsg, true); }
+
 void trace_reset() {
     iIndex = 0;
+    iLogEnabledMsg = false;
     strLog = str_log{};
 }
 

@@ -33,7 +33,12 @@ bool tracing(int iLevel);
 // 0: whenever a trace file is named).
 void WRITE_TRACE(int iLevel, const char* cpFormat, ...) __attribute__((format(printf, 2, 3)));
 
-// Forgets the trace state (context, depth), as in a fresh process. For tests.
+// True the first time it is asked (after start or trace_reset): the trace
+// says once a process that it is enabled.
+bool first_announcement();
+
+// Forgets the trace state (context, depth, announcement), as in a fresh
+// process. For tests.
 void trace_reset();
 
 }  // namespace rv

@@ -34,7 +34,8 @@ inline const std::string kQuitLine =
     "signal_psql_handler: SIGQUIT received ----------------DB-ERROR---------------\n";
 
 // Runs `argv` with kToolEnv and sends it SIGQUIT once a session runs `query`,
-// a statement of five seconds; fails the test when the program outlives it.
+// a statement of five seconds; fails the test when the server still runs it
+// once the program has ended.
 RunResult quit_during(const std::vector<std::string>& argv, const std::string& query);
 
 // Base of the database tests: an installation whose rv.ini names the
