@@ -82,6 +82,7 @@ TEST_F(Log, ProtLineFormatTheTrapInEveryLanguageAndCutOutput) {
 
 TEST_F(Log, ProtWithoutProtocolFile) {
     const std::string var = box.dir("gv_rw_glbv") + "gv_prot.rgv", bad = box.path("no/such/dir/prot.log");
+    const std::string longDir = "/" + std::string(10000, 'g') + "/";
     const auto cwd = fs::current_path();
     const std::string err = rvtest::capture(2, [&] {
         const auto write = [] { rv::PROT("E018-DATABAS %s", "m"); };
@@ -92,6 +93,8 @@ TEST_F(Log, ProtWithoutProtocolFile) {
         // gv_prot cannot be read: the message and the failed read each reach standard error once, and the run goes on.
         fs::remove(var);
         fs::create_directory(var);
+        write();
+        box.set_path_key("gv_rw_glbv", longDir);  // its file name is too long
         write();
         // Without a directory for global variables there is no protocol file either: no file named after glbv's
         // fatal text appears.
@@ -105,9 +108,12 @@ TEST_F(Log, ProtWithoutProtocolFile) {
     EXPECT_FALSE(fs::exists(prot));
     const std::string undefined = "\nNo gv_prot defined! rv_start_all necessary!\n";
     const std::string unknown = "?? GLBV gv_prot not existing: Is a directory";
+    const std::string tooLong = "?? GLBV gv_prot not existing: File name too long";
     EXPECT_EQ(err, undefined + "PROT: cannot write " + bad + " (No such file or directory): E018-DATABAS m\n" +
                        "glbv() read " + var + " failed: Is a directory (21)\nPROT: Error: GLBV: " + unknown +
-                       "\nPROT: protocol file unknown (" + unknown + "): E018-DATABAS m\n" + undefined);
+                       "\nPROT: protocol file unknown (" + unknown + "): E018-DATABAS m\n" + "glbv() read " +
+                       longDir.substr(0, 255) + "gv_prot.rgv failed: File name too long (36)\nPROT: Error: GLBV: " + tooLong +
+                       "\nPROT: protocol file unknown (" + tooLong + "): E018-DATABAS m\n" + undefined);
 }
 
 TEST_F(Log, TraceIndentationEchoAndLostLines) {
