@@ -1,12 +1,14 @@
 // rv_db_update run in-process on a sandbox installation: usage texts and
-// command selection, the downgrade paths, how the releases are found, and a
-// whole update script with its console, files and trace.
+// command selection, the downgrade paths, how the releases are found, the
+// scripts that end the run, the table steps over the fake runner, and a
+// whole update script through the real shell with its console, files and trace.
 #include "cli/commands.hpp"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <regex>
+#include <sstream>
 
 #include "config/product.hpp"
 #include "support/fake_runner.hpp"
@@ -72,7 +74,7 @@ TEST_F(RvDbUpdate, UsageAndWarningWithoutACommand) {
         // "-v" in the command position: the level is set, then usage.
         {{"-v", "2"}, "-v set to 2\n" + usage},
         // A word inside the command list but at no command's start: the warning.
-        {{"date"}, warning}, {{"fix"}, warning}, {{"d"}, warning}, {{"s"}, warning}, {{"|"}, warning},
+        {{"fix"}, warning},
     };
     for (const auto& [args, text] : cases) {
         EXPECT_EQ(run(args), 1) << testing::PrintToString(args);
@@ -96,8 +98,7 @@ TEST_F(RvDbUpdate, WordsSelectCommandsAndDowngradePaths) {
         std::string after_report;  // the rest of the console, database errors left out
         const char *newv = "1.6.4.71", *oldv = "1.6.3.20";  // in the version files
     } cases[] = {
-        {{"up"}, 0, update},
-        {{""}, 0, update},
+        {{""}, 0, update},  // found at the list's start, as any abbreviation
         {{"db"}, 0, "cd " + schema + "; [ -f " + tar + " ] || tar -cvf " + tar + " ."},
         {{"db_r"}, 0, "cd " + schema + " ; tar -xvf " + tar + " ."},
         {{"set"}, 0, "update params_fix set version='1.6.4.71' where kunde='QOR-RAVIK'\n"
@@ -171,9 +172,82 @@ TEST_F(RvDbUpdate, VersionsFromTheCommandLineAndWindows) {
     EXPECT_NE(out.find("skel\\*_srv.*.*"), npos) << out;
 }
 
-// Steps through the real shell: nested sections, conditions, rmdir, skip,
-// exit, a missing step key and a malformed conditional line.
-const char* const kScript = R"([Update 1.6.4.]
+// The scripts that end the run; the refusal leaves the nesting depth as it was.
+TEST_F(RvDbUpdate, FatalScriptsEndTheRun) {
+    rvtest::FakeRunner runner;
+    const std::pair<std::string, std::string> cases[] = {
+        {"step_1=update loop\n[update loop]\nlast_step_nr=1\nstep_1=update loop\n", "STATUS=ERROR MSG=iDbUpdate: "
+         "sections nested deeper than 64, section [update loop] not run (does a section call itself?)\n"},
+        {"step_1=cmd    \nstep_2=cmd touch x\n",
+         "step=1 cmd=\nSTATUS=ERROR MSG=CmdExecute: Format error: No token ' ' in .\n"},
+    };
+    for (const auto& [steps, end] : cases) {
+        script("[Update 1.6.4.]\nlast_step_nr=2\n" + steps);
+        EXPECT_EQ(run({"update"}), 2);
+        EXPECT_EQ(out.substr(out.find("[Update from")), "[Update from 1.6.3.20 to 1.6.4.71]\n" + end);
+    }
+    EXPECT_EQ(runner.ran, Args{});
+    script("[Update 1.6.4.]\nlast_step_nr=1\nstep_1=cmd echo again\n[Update 2.0.1.]\nlast_step_nr=1\nstep_1=cmd x\n");
+    EXPECT_EQ(run({"update"}), 0);
+    // Without a section or step count nothing runs.
+    script("[Update 1.6.4.]\nstep_1=cmd x\n");
+    EXPECT_EQ(run({"update"}), 0);
+    fs::remove(ro + "skel/rv_db_update.ini");
+    EXPECT_EQ(run({"update"}), 0);
+    EXPECT_EQ(runner.ran, Args{" echo again"});
+}
+
+// A dump, change, import and export chain whose children only pretend.
+TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
+    rvtest::FakeRunner runner;
+    const std::string sqo = box.dir("gv_rw_tmp") + "media.sqo", work = box.dir("gv_rw_work");
+    const std::string psql = "psql -e -d ravik_db -P null=NULL -A -c \"select distinct * from media\" 2>&1 > " + sqo;
+    runner.on(psql, {0, {}, [&](const std::string&) {
+                         rvtest::write_file(sqo, "select distinct * from media\nid|Label\n1|a\n2|NULL\n(2 rows)\n");
+                     }});
+    runner.on("oaisql", {1, {"Error in line 3: duplicate key (x)", "oaisql: 2 statements, 1 succeeded, 1 failed"}, {}});
+    runner.on("rv_db", {2, {}, {}});
+    box.set_glbv("gv_db_type", "POSTGRESQL");
+    script("[Update 1.6.4.]\nlast_step_nr=4\nstep_1=dump ravik_db media,\nstep_2=change media\n"
+           "step_3=import ravik_db media\nstep_4=export ravik_db jobs\n"
+           "[1.6.4.media]\nADD_COLUMNS=pool\nADD_VALUES='daily'\nDEL_COLUMNS=label\n");
+    EXPECT_EQ(run({"update"}), 0);
+    EXPECT_EQ(runner.ran, (Args{psql, box.dir("gv_ro_db") + "oaisql -c " + work + "db_media.tmp -e 2>&1",
+                                box.dir("gv_ro_bin") + "rv_db \"select * from jobs\" -e > " + work + "db_jobs.tmp"}));
+    EXPECT_EQ(rvtest::read_file(work + "db_media.tmp"),
+              "connect ravik_db\nINSERT INTO media (id,pool) VALUES ('1','daily');\n"
+              "INSERT INTO media (id,pool) VALUES ('2','daily');\n");
+    EXPECT_EQ(out.substr(out.find("step=1")),
+              "step=1 db=ravik_db dump=media,\n"
+              "select 2 rows from media\n"
+              "step=2 change table=media\n"
+              "change table media\n"
+              "db_change call add_entry ( pstrFirstRow, pool, 'daily')\n"
+              "step=3 db=ravik_db import=media\n"
+              "load values into table media\n"
+              "Error in line 3: duplicate key (x)\n"
+              "oaisql: 2 statements, 1 succeeded, 1 failed\n"
+              "import media returned exit state 256 with 1 errors\n"
+              "step=4 db=ravik_db export=jobs\n"
+              "export jobs returned exit state 512\n");
+
+    // A failed dump leaves no image, not even the older one, and the run goes on.
+    rvtest::FakeRunner failing;
+    failing.on("psql", {2, {}, [&](const std::string&) { rvtest::write_file(sqo, "psql: error: no server\n"); }});
+    script("[Update 1.6.4.]\nlast_step_nr=2\nstep_1=dump ravik_db media\nstep_2=cmd echo next\n");
+    EXPECT_EQ(run({"update"}), 0);
+    EXPECT_FALSE(fs::exists(work + "db_media.tmp")) << "an older image must not be loaded later";
+    EXPECT_EQ(failing.ran.back(), " echo next");
+    EXPECT_NE(out.find("got error from media select statement\n"), npos) << out;
+    EXPECT_EQ(rvtest::protocol_texts(prot).size(), 1u);
+}
+
+// A whole update script through the real shell: nested sections, conditions,
+// rmdir, skip, exit, a missing step key, a malformed conditional line and a
+// step with runs of blanks. The fatal ends are driver_test's.
+TEST_F(RvDbUpdate, AnUpdateScriptRunsAsWritten) {
+    const std::string work = box.dir("gv_rw_work");
+    script(R"([Update 1.6.4.]
 last_step_nr=11
 step_1=[ $old_version < "1.6.4." ] && cmd echo from $old_version to $new_version > gv_rw_work:versions_:gv_date:.txt
 step_2=[ $old_version >= "1.6.4." ] && cmd touch gv_rw_work:wrong_old.txt
@@ -183,7 +257,7 @@ step_5=update nested 1
 step_6=skip
 step_8=[ $new_version == "1.6.4." ] && rmdir gv_rw_work:old
 step_9=[ $new_version > "1.6.4." ]&& cmd touch gv_rw_work:malformed.txt
-step_10=cmd  echo $new_version >> gv_rw_work:count.txt
+step_10=cmd  echo $new_version   >>  gv_rw_work:count.txt
 step_11=exit
 step_12=cmd touch gv_rw_work:beyond_last.txt
 
@@ -192,20 +266,13 @@ last_step_nr=3
 step_1=cmd echo nested > gv_rw_work:nested.txt
 step_2=exit
 step_3=cmd touch gv_rw_work:after_exit.txt
-
-[update loop]
-last_step_nr=1
-step_1=update loop
-)";
-
-TEST_F(RvDbUpdate, AnUpdateScriptRunsAsWritten) {
-    const std::string work = box.dir("gv_rw_work");
-    script(kScript);
+)");
     box.set_glbv("gv_db_type", "POSTGRESQL");
     box.set_glbv("gv_export", box.path("export/"));
     rvtest::write_file(work + "old/deep/file", "x");
     // The trace level by -v: "Logging enabled" comes once a process (trace_test).
     EXPECT_EQ(run({"update", "1.6.3.20", "1.6.4.71", "-v", "2"}), 0) << out << err;
+    // The step lines keep the blanks of the script; the shell lines join them.
     EXPECT_EQ(out.substr(out.find("Update main version:")),
               "Update main version: 1.6.4.\n"
               "[Update from 1.6.3.20 to 1.6.4.71]\n"
@@ -223,36 +290,48 @@ TEST_F(RvDbUpdate, AnUpdateScriptRunsAsWritten) {
               " operator:  < | > | <= | >= | == | <>\n"
               " keyword:   change | cmd | dump | export | exit | import | rmdir | sql | skip | update\n"
               " command:   any valid command for given keyword\n"
-              "step=10 cmd=echo 1.6.4.71 >> gv_rw_work:count.txt\n");
-    // What the steps did: the stamped file of step 1 and the others; step 7
-    // has no key, so step 6 (skip) runs again and nothing else happens.
+              "step=10 cmd=echo 1.6.4.71   >>  gv_rw_work:count.txt\n");
+    // The trace: conditions, the exact shell lines, sections and their ends.
+    // Step 7 has no key, so step 6 (skip) runs again; the malformed line
+    // names an empty section.
+    std::istringstream trace(rvtest::read_file(box.dir("gv_rw_lgc") + "rv_db_update.lgc"));
+    const std::regex shown("condition is|iCmdExecute =|iRmDir:|breaks|[-+]{3} DbUpdate"), stamp("[0-9]{14}");
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(trace, line);) {
+        if (std::regex_search(line, shown)) {
+            lines.push_back(std::regex_replace(line.substr(line.find("# ") + 2), stamp, "<stamp>"));
+        }
+    }
+    const std::string export_dir = box.path("export/");
+    EXPECT_EQ(lines, (std::vector<std::string>{
+                         "+++ DbUpdate [Update 1.6.4.]",
+                         "    condition is valid: [ \"1.6.3.20\" < \"1.6.4.\" ]",
+                         "    iCmdExecute =  echo from 1.6.3.20 to 1.6.4.71 > " + work + "versions_<stamp>.txt",
+                         "    condition is not valid: [ \"1.6.3.20\" >= \"1.6.4.\" ]",
+                         "    condition is valid: postgresql",
+                         "    iCmdExecute =  mkdir -p " + export_dir + "sub",
+                         "    condition is not valid: oracle",
+                         "    +++ DbUpdate [update nested 1]",
+                         "        iCmdExecute =  echo nested > " + work + "nested.txt",
+                         "      --- PARSER breaks bcs. of keyword 'exit'",
+                         "    --- DbUpdate update nested 1",
+                         "    condition is valid: [ \"1.6.4.71\" == \"1.6.4.\" ]",
+                         "    iRmDir: rm -rf " + work + "old",
+                         "    +++ DbUpdate []",
+                         "    --- DbUpdate ",
+                         "    iCmdExecute =  echo 1.6.4.71 >> " + work + "count.txt",
+                         "  --- PARSER breaks bcs. of keyword 'exit'",
+                         "--- DbUpdate Update 1.6.4.",
+                     }));
+    // What the shell made of them: nothing of the steps not taken.
     std::vector<std::string> files;
     for (const auto& entry : fs::directory_iterator(work)) {
-        files.push_back(std::regex_replace(entry.path().filename().string(), std::regex("_[0-9]{14}\\."), "_<stamp>."));
+        files.push_back(std::regex_replace(entry.path().filename().string(), stamp, "<stamp>"));
     }
     std::sort(files.begin(), files.end());
     EXPECT_EQ(files, (std::vector<std::string>{"count.txt", "nested.txt", "versions_<stamp>.txt"}));
-    EXPECT_TRUE(fs::is_directory(box.path("export/sub")));
-    EXPECT_EQ(rvtest::read_file(work + "nested.txt"), "nested\n");
-    EXPECT_EQ(rvtest::read_file(work + "count.txt"), "1.6.4.71\n");
-    const std::string trace = rvtest::read_file(box.dir("gv_rw_lgc") + "rv_db_update.lgc");
-    for (const char* line : {
-             "# +++ DbUpdate [Update 1.6.4.]\n",
-             "#   +++ PARSER [ $old_version < \"1.6.4.\" ] && cmd echo from $old_version to "
-             "$new_version > gv_rw_work:versions_:gv_date:.txt  (1)\n",
-             "#     condition is valid: [ \"1.6.3.20\" < \"1.6.4.\" ]\n",
-             "#     condition is not valid: [ \"1.6.3.20\" >= \"1.6.4.\" ]\n",
-             "#     condition is not valid: oracle\n",
-             "#       --- PARSER breaks bcs. of keyword 'exit'\n",
-             "# --- DbUpdate Update 1.6.4.\n",
-         }) {
-        EXPECT_NE(trace.find(line), npos) << line;
-    }
-    // A section that calls itself ends the run with the status line.
-    script(std::string(kScript) + "[Update 2.0.1.]\nlast_step_nr=1\nstep_1=update loop\n");
-    EXPECT_EQ(run({"update", "1.6.3.20", "2.0.1.3"}), 2);
-    EXPECT_TRUE(out.ends_with("\nSTATUS=ERROR MSG=iDbUpdate: sections nested deeper than 64, section "
-                              "[update loop] not run (does a section call itself?)\n")) << out;
+    EXPECT_TRUE(fs::is_directory(export_dir + "sub"));
+    EXPECT_EQ(rvtest::read_file(work + "nested.txt") + rvtest::read_file(work + "count.txt"), "nested\n1.6.4.71\n");
 }
 
 }  // namespace

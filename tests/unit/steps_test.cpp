@@ -80,9 +80,8 @@ TEST_F(Steps, ChangeAddsAndDropsColumns) {
         {"|id=1|\n", "ADD_VALUES=7\n", head + "(id,KEY_NOT_FOUND) VALUES ('1','7');\n"},
         // Deleting the first column works; the value keeps all behind the first '='.
         {"|id=1|expr=a=b|\n", "DEL_COLUMNS=id\n", head + "(expr) VALUES ('a=b');\n"},
-        // An empty value stays an empty string; quoting of the values.
+        // An empty value stays an empty string.
         {"|id=1|note=|\n", "", head + "(id,note) VALUES ('1','');\n"},
-        {"|a=it's|b=NULL|c=x,y)|\n", "", head + "(a,b,c) VALUES ('it''s',NULL,'x,y)');\n"},
         {"", "ADD_COLUMNS=a\nADD_VALUES=1\n", "connect ravik_db\n"},
     };
     for (const auto& [image, section, script] : cases) {
@@ -188,12 +187,10 @@ TEST_F(Steps, CommandWordsLinesAndRemoval) {
         {"gv_date:.tar", "<stamp>.tar"},
         // A date inside a path word: the date first, then the path.
         {"gv_rw_work:db_:gv_date:.tar", work + "db_<stamp>.tar"},
-        {"gv_rw_work:db_x.tmp", work + "db_x.tmp"},
         {"gv_export:a.sql", "/exp/a.sql"},
         {"--file=:gv_export:x", "--file=/exp/x"},
         {":gv_rw_work:x", ":gv_rw_work:x"},
         {"gv_unknown:x", "gv_unknown:x"},
-        {"ls", "ls"},
     };
     for (const auto& [word, result] : cases) {
         EXPECT_EQ(stamped(rv::rewrite_command_word(word)), result) << word;
@@ -203,14 +200,10 @@ TEST_F(Steps, CommandWordsLinesAndRemoval) {
     std::string win = work;
     std::replace(win.begin(), win.end(), '/', '\\');
     const std::tuple<char, std::string, std::string> lines[] = {
-        {'/', "ls -latr ;", " ls -latr ;"},
-        {'/', "  cp  a   b ", " cp a b"},
-        {'\\', "ls -latr ;", " dir /od &"},
-        {'\\', "ls -l", " dir "},
-        {'\\', "cp a b; rm c", " copy /y a b& del /f c"},
-        {'\\', "cd x ; date -ltr -atr -la", " cd /d x & date /t /od /od "},
-        {'\\', "LS", " LS"},
-        {'\\', "gv_date", " <stamp>"},
+        {'/', "  ls  -latr   ; ", " ls -latr ;"},
+        {'\\', "cp a b; rm c ; ls -l", " copy /y a b& del /f c & dir "},
+        {'\\', "cd x ; date -latr -ltr -atr -la", " cd /d x & date /t /od /od /od "},
+        {'\\', "LS gv_date", " LS <stamp>"},  // a date word is not translated
         {'\\', "type gv_rw_work:a/b", " type " + win + "a\\b"},
     };
     for (const auto& [separator, line, result] : lines) {
@@ -221,7 +214,7 @@ TEST_F(Steps, CommandWordsLinesAndRemoval) {
     rv::pathes.separator = '/';
     EXPECT_EQ(rv::rmdir_command("gv_rw_work:old"), "rm -rf " + work + "old");
 
-    // An overlong removal is refused; an empty command line ends the run.
+    // An overlong removal is refused (the empty command line: driver_test).
     const std::string victim = work + "keep";
     rvtest::write_file(victim + "/file", "x");
     rvtest::FakeRunner runner;
@@ -233,7 +226,6 @@ TEST_F(Steps, CommandWordsLinesAndRemoval) {
                                     victim),
               std::string::npos);
     EXPECT_EQ(rvtest::read_file(victim + "/file"), "x");
-    EXPECT_THROW(rv::build_command_line("   "), rv::Fatal);
 }
 
 }  // namespace
