@@ -34,51 +34,36 @@ std::pair<std::string, std::string> halted(Call call) {
     return {};
 }
 
-TEST(SessionHalt, WithoutHandlerThrowsTheTextItWrote) {
-    const std::pair<std::string, std::string> query = {"failed query:  select 1\n",
-                                                       "failed query:  select 1\n"};
-    EXPECT_EQ(halted([] { rv::halt("failed query:  %s\n", "select 1"); }), query);
-    const std::string perror = "rest 7\nNo such file or directory\n";
-    EXPECT_EQ(halted([] {
-                  errno = ENOENT;
-                  rv::halt("PERROR : :rest %d\n", 7);
-              }),
-              std::make_pair(perror, perror));
-
-    const auto [text, written] =
-        halted([] { rv::connectdb("host=/nonexistent/dir port=1 dbname=ravik_db"); });
+// Without a handler, or when the handler returns (with 0: halt has put the
+// default action back first), halt throws the text it wrote.
+TEST(SessionHalt, ThrowsTheTextItWrote) {
+    const auto twice = [](const std::string& text) { return std::make_pair(text, text); };
+    EXPECT_EQ(halted([] { rv::halt("failed query:  %s\n", "select 1"); }), twice("failed query:  select 1\n"));
+    EXPECT_EQ(halted([] { errno = ENOENT, rv::halt("PERROR : :rest %d\n", 7); }),
+              twice("rest 7\nNo such file or directory\n"));
+    const auto [text, written] = halted([] { rv::connectdb("host=/nonexistent/dir port=1 dbname=ravik_db"); });
     rv::release_session();
-    EXPECT_TRUE(text.starts_with(
-        "Connection to database using 'host=/nonexistent/dir port=1 dbname=ravik_db' failed.\n"))
-        << text;
+    EXPECT_TRUE(text.starts_with("Connection to database using 'host=/nonexistent/dir port=1 dbname=ravik_db' "
+                                 "failed.\n")) << text;
     EXPECT_GT(text.size(), text.find('\n') + 1) << "no reason after the first line";
     EXPECT_EQ(written, text);
-}
 
-TEST(SessionHalt, ThrowsWhenTheHandlerReturns) {
     static int received = -1;
     std::signal(SIGINT, [](int signo) { received = signo; });
-    EXPECT_EQ(halted([] { rv::halt("x\n"); }).first, "x\n");
+    EXPECT_EQ(halted([] { rv::halt("x\n"); }), twice("x\n"));
     EXPECT_EQ(received, 0);
-    // halt has put the default action back.
     EXPECT_EQ(std::signal(SIGINT, SIG_DFL), SIG_DFL);
 }
 
 TEST(SessionHaltDeathTest, CallsTheFirstInstalledHandler) {
     // SIGINT comes before SIGQUIT; an ignored SIGTERM is passed over.
-    EXPECT_EXIT(
-        {
-            std::signal(SIGTERM, SIG_IGN);
-            std::signal(SIGINT, [](int) { _exit(5); });
-            std::signal(SIGQUIT, [](int) { _exit(7); });
-            rv::halt("x\n");
-        },
-        ::testing::ExitedWithCode(5), "^x\n$");
+    EXPECT_EXIT((std::signal(SIGTERM, SIG_IGN), std::signal(SIGINT, [](int) { _exit(5); }),
+                 std::signal(SIGQUIT, [](int) { _exit(7); }), rv::halt("x\n")),
+                ::testing::ExitedWithCode(5), "^x\n$");
 }
 
 // A result with columns c0..c<n-1> unless `names` are given.
-rv::PgResultPtr make_result(std::vector<std::string> names, const std::vector<Row>& rows,
-                            int n = 0) {
+rv::PgResultPtr make_result(std::vector<std::string> names, const std::vector<Row>& rows, int n = 0) {
     for (int i = 0; i < n; ++i) names.push_back("c" + std::to_string(i));
     rv::PgResultPtr res(PQmakeEmptyPGresult(nullptr, PGRES_TUPLES_OK));
     std::vector<PGresAttDesc> attrs;
@@ -86,10 +71,8 @@ rv::PgResultPtr make_result(std::vector<std::string> names, const std::vector<Ro
     EXPECT_TRUE(PQsetResultAttrs(res.get(), static_cast<int>(attrs.size()), attrs.data()));
     for (std::size_t r = 0; r < rows.size(); ++r) {
         for (std::size_t c = 0; c < rows[r].size(); ++c) {
-            const auto& v = rows[r][c];
-            EXPECT_TRUE(PQsetvalue(res.get(), static_cast<int>(r), static_cast<int>(c),
-                                   v ? const_cast<char*>(v->c_str()) : nullptr,
-                                   v ? static_cast<int>(v->size()) : -1));
+            auto v = rows[r][c];
+            EXPECT_TRUE(PQsetvalue(res.get(), int(r), int(c), v ? v->data() : nullptr, v ? int(v->size()) : -1));
         }
     }
     return res;
@@ -101,10 +84,8 @@ TEST_F(Db, RecordListAndExportTextWithTheirColumnLimit) {
     rv::DB_REC_LIS list;
     std::string msg;
     ASSERT_TRUE(rv::iPSQL_MAKE_DB_REC_LIS(res.get(), msg, &list));
-    EXPECT_EQ(msg, "2");
-    ASSERT_EQ(list.iRows(), 2);
-    EXPECT_EQ(list.records[0].cpData, "|name=a|b=c|size=NULL|");
-    EXPECT_EQ(list.records[1].cpData, "|name=|size=NULL|");
+    ASSERT_EQ(msg + "," + std::to_string(list.iRows()), "2,2");
+    EXPECT_EQ(list.records[0].cpData + list.records[1].cpData, "|name=a|b=c|size=NULL||name=|size=NULL|");
     ASSERT_TRUE(rv::iPSQL_MAKE_DB_REC_LIS(make_result({}, {Row(100, "v")}, 100).get(), msg, &list));
     EXPECT_TRUE(list.records[0].cpData.ends_with("|c98=v|c99=v|"));
 
@@ -120,24 +101,20 @@ TEST_F(Db, RecordListAndExportTextWithTheirColumnLimit) {
     // More than 100 columns are refused, the export before anything is written.
     res = make_result({}, {Row(101, "v")}, 101);
     msg = "wide";
-    EXPECT_EQ(rvtest::capture(1, [&] { ok = rv::iPSQL_MAKE_EXPORT_FILE(res.get(), msg, nullptr); }),
-              "");
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(msg, "too much columns ( max 100 )");
+    EXPECT_EQ(rvtest::capture(1, [&] { ok = rv::iPSQL_MAKE_EXPORT_FILE(res.get(), msg, nullptr); }), "");
+    EXPECT_EQ(std::to_string(ok) + msg, "0too much columns ( max 100 )");
     rv::DB_REC_LIS refused;
     refused.szId = "wider";
     for (const auto lang : {rv::LANG_EN, rv::LANG_DE, rv::LANG_BA, rv::LANG_FR}) {
         rv::eLang = lang;
         msg.clear();
-        EXPECT_FALSE(rv::iPSQL_MAKE_DB_REC_LIS(res.get(), msg, &refused));
-        EXPECT_EQ(msg, "too much columns ( max 100 )");
+        ok = rv::iPSQL_MAKE_DB_REC_LIS(res.get(), msg, &refused);
+        EXPECT_EQ(std::to_string(ok) + msg + std::to_string(refused.iRows()), "0too much columns ( max 100 )0");
     }
-    EXPECT_EQ(refused.iRows(), 0);
     const std::string list_text = "E017-DATABAS PSQL_MAKE_DB_REC_LIS wider: ";
-    EXPECT_EQ(rvtest::protocol_texts(prot),
-              (Lines{"E017-DATABAS PSQL_MAKE_EXPORT_FILE wide: too much columns.",
-                     list_text + "too much columns.", list_text + "zu viele Spalten",
-                     list_text + "z´vuil Spaltn", list_text + "too much columns."}));
+    EXPECT_EQ(rvtest::protocol_texts(prot), (Lines{"E017-DATABAS PSQL_MAKE_EXPORT_FILE wide: too much columns.",
+                                                   list_text + "too much columns.", list_text + "zu viele Spalten",
+                                                   list_text + "z´vuil Spaltn", list_text + "too much columns."}));
 }
 
 TEST_F(Db, DateFormsByDatabaseType) {
@@ -146,7 +123,6 @@ TEST_F(Db, DateFormsByDatabaseType) {
         {"postgres", "DATE", "2006-10-18", "2006-10-18 00:00:00"},
         {"ORACLE", "DATE", "2006-10-18", "20061018"},
         // DATE_RAVIK goes by the second letter of the type.
-        {"ORACLE", "DATE_RAVIK", "20061018", "2006-10-18"},
         {"xRAY", "DATE_RAVIK", "20061018", "2006-10-18"},
         // The time is appended before the cut: a short date keeps part of it.
         {"postgres", "DATE_RAVIK", "2006-1-8", "2006-1-8 0"},
@@ -159,8 +135,7 @@ TEST_F(Db, DateFormsByDatabaseType) {
     for (const auto& [type, key, in, out] : cases) {
         box.set_glbv("gv_db_type", type);
         std::string msg = in;
-        EXPECT_TRUE(rv::iDB_CONVERT_DATE_TIME(key, msg)) << type << " " << key;
-        EXPECT_EQ(msg, out) << type << " " << key << " " << in;
+        EXPECT_EQ(std::to_string(rv::iDB_CONVERT_DATE_TIME(key, msg)) + msg, "1" + out) << type << " " << key;
     }
     // An unknown keyword is refused in every language, also when it comes as
     // a statement (only two letters are looked at first).
@@ -170,17 +145,14 @@ TEST_F(Db, DateFormsByDatabaseType) {
     for (const auto& [lang, key] : unknown) {
         rv::eLang = lang;
         std::string msg = "x";
-        EXPECT_FALSE(rv::iDB_CONVERT_DATE_TIME(key, msg));
-        EXPECT_EQ(msg, std::string("wrong function-argument: ") + key);
+        EXPECT_EQ(std::to_string(rv::iDB_CONVERT_DATE_TIME(key, msg)) + msg, "0wrong function-argument: " + std::string(key));
     }
     rv::eLang = rv::LANG_EN;
     std::string msg;
-    EXPECT_FALSE(rv::iDB_ACCESS("DATA", msg, nullptr));
-    EXPECT_EQ(msg, "wrong function-argument: DATA");
+    EXPECT_EQ(std::to_string(rv::iDB_ACCESS("DATA", msg, nullptr)) + msg, "0wrong function-argument: DATA");
     const std::string convert = "E008-DATABAS CONVERT_DATE_TIME: ";
-    EXPECT_EQ(rvtest::protocol_texts(prot),
-              (Lines{convert + "wrong parameter MAXIMUM", convert + "falsches Argument DATA",
-                     convert + "foisches Argument date", convert + "wrong parameter DATA"}));
+    EXPECT_EQ(rvtest::protocol_texts(prot), (Lines{convert + "wrong parameter MAXIMUM", convert + "falsches Argument DATA",
+                                                   convert + "foisches Argument date", convert + "wrong parameter DATA"}));
 }
 
 TEST_F(Db, StatementTextAndForm) {
@@ -189,19 +161,15 @@ TEST_F(Db, StatementTextAndForm) {
     // literal goes.
     const std::tuple<std::string, bool, std::string> cases[] = {
         {"update t set a = 'x' where b = 'y'", true, "update t set a = 'x' where b = 'y'"},
-        {"update t set a='O'Brien' where id=1", false,
-         "update t set a='O\xB4"
-         "Brien' where id=1"},
+        {"update t set a='O'Brien' where id=1", false, "update t set a='O\xB4" "Brien' where id=1"},
         {"update t set a='rock 'n' roll' where b is null", false,
          "update t set a='rock \xB4n\xB4 roll' where b is null"},
         {"insert into t values ('it's')", true, "insert into t values ('it's')"},
-        {"insert into t values ('say \"hi\"', \"Col\")", false,
-         "insert into t values ('say _hi_', \"Col\")"},
+        {"insert into t values ('say \"hi\"', \"Col\")", false, "insert into t values ('say _hi_', \"Col\")"},
     };
     for (const auto& [in, ok, out] : cases) {
         std::string sql = in;
-        EXPECT_EQ(rv::CLEANUP_QUOTA(sql), ok) << in;
-        EXPECT_EQ(sql, out);
+        EXPECT_EQ(std::to_string(rv::CLEANUP_QUOTA(sql)) + sql, std::to_string(ok) + out);
     }
     std::string sql = "SELECT Name FROM Media WHERE Label='MiXed' AND Pool='P'";
     rv::SQL_LOWERCASE(sql);
@@ -221,9 +189,8 @@ TEST_F(Db, StatementTextAndForm) {
         EXPECT_EQ(rv::sql_form(text, with_list), form) << text;
     }
     const std::string name = "abcdefghijklmnopqrstuvwxyz0123456789";
-    EXPECT_EQ(rv::select_table("select a from   jobs;"), "jobs;");
-    EXPECT_EQ(rv::select_table("select pg_sleep(5)"), "");
-    EXPECT_EQ(rv::select_table("select * from " + name), name);
+    EXPECT_EQ(rv::select_table("select a from   jobs;") + "," + rv::select_table("select pg_sleep(5)") + "," +
+                  rv::select_table("select * from " + name), "jobs;,," + name);
 }
 
 }  // namespace

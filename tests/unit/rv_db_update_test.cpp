@@ -87,9 +87,13 @@ TEST_F(RvDbUpdate, UsageAndWarningWithoutACommand) {
     EXPECT_EQ(out, usage);
 }
 
+// The downgrades end on the scripts that end the run: a section calling itself
+// and an empty command line.
 TEST_F(RvDbUpdate, WordsSelectCommandsAndDowngradePaths) {
-    script("[Update 1.6.4.]\nlast_step_nr=1\nstep_1=cmd echo\n[Downgrade 1.6.4.]\nlast_step_nr=1\nstep_1=cmd echo\n"
-           "[Downgrade 2.0.1.]\nlast_step_nr=1\nstep_1=cmd echo 2\n");
+    script("[Update 1.6.4.]\nlast_step_nr=1\nstep_1=cmd echo\n"
+           "[Downgrade 1.6.4.]\nlast_step_nr=3\nstep_1=cmd echo\nstep_2=cmd    \nstep_3=cmd echo 3\n"
+           "[Downgrade 2.0.1.]\nlast_step_nr=2\nstep_1=cmd echo 2\nstep_2=update loop\n"
+           "[update loop]\nlast_step_nr=1\nstep_1=update loop\n");
     const std::string tar = ro + "downgrade/ravik_db.tar", schema = box.dir("gv_rw_db") + "schema/ravik/";
     const std::string update = "Update main version: 1.6.4.\n[Update from 1.6.3.20 to 1.6.4.71]\nstep=1 cmd=echo\n";
     const struct {
@@ -98,15 +102,18 @@ TEST_F(RvDbUpdate, WordsSelectCommandsAndDowngradePaths) {
         std::string after_report;  // the rest of the console, database errors left out
         const char *newv = "1.6.4.71", *oldv = "1.6.3.20";  // in the version files
     } cases[] = {
-        {{""}, 0, update},  // found at the list's start, as any abbreviation
         {{"db"}, 0, "cd " + schema + "; [ -f " + tar + " ] || tar -cvf " + tar + " ."},
         {{"db_r"}, 0, "cd " + schema + " ; tar -xvf " + tar + " ."},
         {{"set"}, 0, "update params_fix set version='1.6.4.71' where kunde='QOR-RAVIK'\n"
                      "update params_fix set update_date='<minute>' where kunde='QOR-RAVIK'\n"},
+        {{"downgrade"}, 2, "[Downgrade from 1.6.4 to 1.6.2]\nstep=1 cmd=echo\nstep=2 cmd=\n"
+         "STATUS=ERROR MSG=CmdExecute: Format error: No token ' ' in .\n", "1.6.4.71", "1.6.2.9"},
+        {{"downgrade"}, 2, "[Downgrade from 2.0.1 to 1.6.3]\nstep=1 cmd=echo 2\nSTATUS=ERROR MSG=iDbUpdate: sections "
+         "nested deeper than 64, section [update loop] not run (does a section call itself?)\n", "2.0.1.3"},
+        // The depth is back after the refusal; "" is found at the list's start.
+        {{""}, 0, update},
         // 1.6.4 knows only the way back to 1.6.2: nothing happens.
         {{"do"}, 0, ""},
-        {{"downgrade"}, 0, "[Downgrade from 1.6.4 to 1.6.2]\nstep=1 cmd=echo\n", "1.6.4.71", "1.6.2.9"},
-        {{"downgrade"}, 0, "[Downgrade from 2.0.1 to 1.6.3]\nstep=1 cmd=echo 2\n", "2.0.1.3"},
         {{"downgrade"}, 2, "STATUS=ERROR MSG=Es sind keine Downgrade Informationen fuer diese Version verfuegbar.\n",
          "1.7.0.1"},
     };
@@ -172,31 +179,6 @@ TEST_F(RvDbUpdate, VersionsFromTheCommandLineAndWindows) {
     EXPECT_NE(out.find("skel\\*_srv.*.*"), npos) << out;
 }
 
-// The scripts that end the run; the refusal leaves the nesting depth as it was.
-TEST_F(RvDbUpdate, FatalScriptsEndTheRun) {
-    rvtest::FakeRunner runner;
-    const std::pair<std::string, std::string> cases[] = {
-        {"step_1=update loop\n[update loop]\nlast_step_nr=1\nstep_1=update loop\n", "STATUS=ERROR MSG=iDbUpdate: "
-         "sections nested deeper than 64, section [update loop] not run (does a section call itself?)\n"},
-        {"step_1=cmd    \nstep_2=cmd touch x\n",
-         "step=1 cmd=\nSTATUS=ERROR MSG=CmdExecute: Format error: No token ' ' in .\n"},
-    };
-    for (const auto& [steps, end] : cases) {
-        script("[Update 1.6.4.]\nlast_step_nr=2\n" + steps);
-        EXPECT_EQ(run({"update"}), 2);
-        EXPECT_EQ(out.substr(out.find("[Update from")), "[Update from 1.6.3.20 to 1.6.4.71]\n" + end);
-    }
-    EXPECT_EQ(runner.ran, Args{});
-    script("[Update 1.6.4.]\nlast_step_nr=1\nstep_1=cmd echo again\n[Update 2.0.1.]\nlast_step_nr=1\nstep_1=cmd x\n");
-    EXPECT_EQ(run({"update"}), 0);
-    // Without a section or step count nothing runs.
-    script("[Update 1.6.4.]\nstep_1=cmd x\n");
-    EXPECT_EQ(run({"update"}), 0);
-    fs::remove(ro + "skel/rv_db_update.ini");
-    EXPECT_EQ(run({"update"}), 0);
-    EXPECT_EQ(runner.ran, Args{" echo again"});
-}
-
 // A dump, change, import and export chain whose children only pretend.
 TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
     rvtest::FakeRunner runner;
@@ -244,7 +226,7 @@ TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
 
 // A whole update script through the real shell: nested sections, conditions,
 // rmdir, skip, exit, a missing step key, a malformed conditional line and a
-// step with runs of blanks. The fatal ends are driver_test's.
+// step with runs of blanks.
 TEST_F(RvDbUpdate, AnUpdateScriptRunsAsWritten) {
     const std::string work = box.dir("gv_rw_work");
     script(R"([Update 1.6.4.]
