@@ -145,14 +145,16 @@ TEST_F(Db, DateFormsByDatabaseType) {
     for (const auto& [lang, key] : unknown) {
         rv::eLang = lang;
         std::string msg = "x";
-        EXPECT_EQ(std::to_string(rv::iDB_CONVERT_DATE_TIME(key, msg)) + msg, "0wrong function-argument: " + std::string(key));
+        EXPECT_EQ(std::to_string(rv::iDB_CONVERT_DATE_TIME(key, msg)) + msg,
+                  "0wrong function-argument: " + std::string(key));
     }
     rv::eLang = rv::LANG_EN;
     std::string msg;
     EXPECT_EQ(std::to_string(rv::iDB_ACCESS("DATA", msg, nullptr)) + msg, "0wrong function-argument: DATA");
     const std::string convert = "E008-DATABAS CONVERT_DATE_TIME: ";
-    EXPECT_EQ(rvtest::protocol_texts(prot), (Lines{convert + "wrong parameter MAXIMUM", convert + "falsches Argument DATA",
-                                                   convert + "foisches Argument date", convert + "wrong parameter DATA"}));
+    EXPECT_EQ(rvtest::protocol_texts(prot), (Lines{convert + "wrong parameter MAXIMUM", convert + "falsches "
+                                                   "Argument DATA", convert + "foisches Argument date",
+                                                   convert + "wrong parameter DATA"}));
 }
 
 TEST_F(Db, StatementTextAndForm) {

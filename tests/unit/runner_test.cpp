@@ -43,10 +43,10 @@ TEST_F(Runner, AQuitSignalStopsTheChildAndEverythingItStarted) {
         }
     });
     rv::ChildEnd end;
-    const std::string err = rvtest::capture(2, [&] { end = rv::child_runner().run({forever(), {}, "quit!\n", false}); });
+    const std::string err =
+        rvtest::capture(2, [&] { end = rv::child_runner().run({forever(), {}, "quit!\n", false}); });
     quitter.join();
-    EXPECT_EQ(end.how, rv::ChildEnd::How::interrupted);
-    EXPECT_EQ(err, "quit!\n");
+    EXPECT_TRUE(end.how == rv::ChildEnd::How::interrupted && err == "quit!\n") << err;
     EXPECT_TRUE(gone()) << "the client ran on after the quit signal";
     EXPECT_EQ(std::signal(SIGQUIT, SIG_DFL), SIG_DFL) << "the handler is gone with the wait";
 }
@@ -72,15 +72,15 @@ TEST_F(Runner, AReaderThatGivesUpStopsTheChild) {
 }
 
 TEST_F(Runner, NamesSurviveTheShell) {
-    for (const std::string name : {"plain/path_1.tmp", "with blank", "it's", "$HOME;`x`", "a\"b\\c", ""}) {
+    for (const std::string name : {"/plain/b-c_1.tmp", "with blank", "it's", "$HOME;`x`", "a\"b\\c", ""}) {
         std::string seen;
         rv::child_runner().run({"printf %s " + rv::shell_quote(name), [&](const std::string& l) { seen += l; },
                                 nullptr, false});
         EXPECT_EQ(seen, name);
     }
-    EXPECT_EQ(rv::shell_quote("/a/b-c.tmp"), "/a/b-c.tmp") << "plain names stay as they are";
-    EXPECT_TRUE(rv::shell_double_quotable("select * from media"));
-    EXPECT_FALSE(rv::shell_double_quotable("select \"x\" from t"));
+    EXPECT_EQ(rv::shell_quote("/plain/b-c_1.tmp"), "/plain/b-c_1.tmp") << "plain names stay as they are";
+    EXPECT_EQ(std::to_string(rv::shell_double_quotable("select * from media")) +
+                  std::to_string(rv::shell_double_quotable("select \"x\" from t")), "10");
 }
 
 }  // namespace

@@ -26,16 +26,13 @@ class RvDbUpdate : public rvtest::ProductTest {
         ProductTest::SetUp();
         box.make_installation();
         for (const char* name : {"OS", "OSTYPE", "PATH", "PGPORT", "OPENRDA_INI", "LD_LIBRARY_PATH"}) {
-            const char* value = std::getenv(name);
-            saved.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
+            saved.emplace_back(name, std::getenv(name) ? std::optional<std::string>(std::getenv(name)) : std::nullopt);
         }
         unsetenv("OS");
         setenv("OSTYPE", "linux-gnu", 1);
     }
     void TearDown() override {
-        for (const auto& [name, value] : saved) {
-            value ? setenv(name, value->c_str(), 1) : unsetenv(name);
-        }
+        for (const auto& [name, value] : saved) value ? setenv(name, value->c_str(), 1) : unsetenv(name);
         rv::pathes = rv::x{};
         rv::rvdb_ini.clear();
         rv::glbvVersion.reset();
@@ -45,9 +42,7 @@ class RvDbUpdate : public rvtest::ProductTest {
     int run(Args args) {
         args.insert(args.begin(), "rv_db_update");
         std::vector<char*> argv;
-        for (auto& arg : args) {
-            argv.push_back(arg.data());
-        }
+        for (auto& arg : args) argv.push_back(arg.data());
         int status = -1;
         out = rvtest::capture(1, [&] {
             err = rvtest::capture(2, [&] { status = rv::rv_db_update_main(int(args.size()), argv.data()); });
@@ -135,8 +130,7 @@ TEST_F(RvDbUpdate, VersionFilesAndTheirPatterns) {
     fs::remove(ro + "skel/ravik_srv.1.6.4");
     const std::string msg = "rv_db_update breaks because there is no version file: " + ro + "skel/*_srv.*.*";
     EXPECT_EQ(run({"db_backup"}), 2);
-    EXPECT_EQ(err, "\nERROR: " + msg + "\n");
-    EXPECT_EQ(out, "STATUS=ERROR MSG=" + msg + "\n");
+    EXPECT_EQ(err + out, "\nERROR: " + msg + "\nSTATUS=ERROR MSG=" + msg + "\n");
     rvtest::write_file(ro + "skel/ravik_srv.1.6.4", "[CVS_UPDATE]\nrelease=1.6.4.71\n");
     EXPECT_EQ(run({"db_backup"}), 2);
     EXPECT_EQ(out, "STATUS=ERROR MSG=rv_db_update: couldn't find version file! "
@@ -153,9 +147,8 @@ TEST_F(RvDbUpdate, VersionFilesAndTheirPatterns) {
     EXPECT_NE(out.find(box.checkenv_report("1.6.4.71", "1.6.3.5")), npos) << out;
     version_file("downgrade/skel/other_srv2.0.1", "2.0.1.1");
     EXPECT_EQ(run({"db_backup"}), 2);
-    EXPECT_NE(err.find("rv_db_update breaks because there are several old version files: "), npos);
-    EXPECT_TRUE(err.ends_with("!!\n")) << err;
-    EXPECT_TRUE(out.ends_with("!\n")) << out;
+    EXPECT_TRUE(err.starts_with("\nERROR: rv_db_update breaks because there are several old version files: ") &&
+                err.ends_with("!!\n") && out.ends_with("!\n")) << err << out;
     fs::remove_all(ro + "downgrade/skel");
     fs::create_directories(ro + "downgrade/skel");
     EXPECT_EQ(run({"db_backup"}), 2);
@@ -164,8 +157,7 @@ TEST_F(RvDbUpdate, VersionFilesAndTheirPatterns) {
 }
 
 TEST_F(RvDbUpdate, VersionsFromTheCommandLineAndWindows) {
-    fs::remove_all(ro + "skel");
-    fs::remove_all(ro + "downgrade");
+    fs::remove_all(ro + "skel"), fs::remove_all(ro + "downgrade");
     EXPECT_EQ(run({"update", "1.6.3.20", "2.0.1.5"}), 0);
     EXPECT_EQ(out, box.checkenv_report("2.0.1.5", "1.6.3.20") +
                        "Update main version: 2.0.1.\n[Update from 1.6.3.20 to 2.0.1.5]\n");
@@ -193,25 +185,19 @@ TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
     script("[Update 1.6.4.]\nlast_step_nr=4\nstep_1=dump ravik_db media,\nstep_2=change media\n"
            "step_3=import ravik_db media\nstep_4=export ravik_db jobs\n"
            "[1.6.4.media]\nADD_COLUMNS=pool\nADD_VALUES='daily'\nDEL_COLUMNS=label\n");
-    EXPECT_EQ(run({"update"}), 0);
+    EXPECT_EQ(run({"update"}), 0) << out;
     EXPECT_EQ(runner.ran, (Args{psql, box.dir("gv_ro_db") + "oaisql -c " + work + "db_media.tmp -e 2>&1",
                                 box.dir("gv_ro_bin") + "rv_db \"select * from jobs\" -e > " + work + "db_jobs.tmp"}));
     EXPECT_EQ(rvtest::read_file(work + "db_media.tmp"),
               "connect ravik_db\nINSERT INTO media (id,pool) VALUES ('1','daily');\n"
               "INSERT INTO media (id,pool) VALUES ('2','daily');\n");
     EXPECT_EQ(out.substr(out.find("step=1")),
-              "step=1 db=ravik_db dump=media,\n"
-              "select 2 rows from media\n"
-              "step=2 change table=media\n"
-              "change table media\n"
-              "db_change call add_entry ( pstrFirstRow, pool, 'daily')\n"
-              "step=3 db=ravik_db import=media\n"
-              "load values into table media\n"
-              "Error in line 3: duplicate key (x)\n"
-              "oaisql: 2 statements, 1 succeeded, 1 failed\n"
+              "step=1 db=ravik_db dump=media,\nselect 2 rows from media\n"
+              "step=2 change table=media\nchange table media\ndb_change call add_entry ( pstrFirstRow, pool, 'daily')\n"
+              "step=3 db=ravik_db import=media\nload values into table media\n"
+              "Error in line 3: duplicate key (x)\noaisql: 2 statements, 1 succeeded, 1 failed\n"
               "import media returned exit state 256 with 1 errors\n"
-              "step=4 db=ravik_db export=jobs\n"
-              "export jobs returned exit state 512\n");
+              "step=4 db=ravik_db export=jobs\nexport jobs returned exit state 512\n");
 
     // A failed dump leaves no image, not even the older one, and the run goes on.
     rvtest::FakeRunner failing;
@@ -219,9 +205,8 @@ TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
     script("[Update 1.6.4.]\nlast_step_nr=2\nstep_1=dump ravik_db media\nstep_2=cmd echo next\n");
     EXPECT_EQ(run({"update"}), 0);
     EXPECT_FALSE(fs::exists(work + "db_media.tmp")) << "an older image must not be loaded later";
-    EXPECT_EQ(failing.ran.back(), " echo next");
+    EXPECT_TRUE(failing.ran.back() == " echo next" && rvtest::protocol_texts(prot).size() == 1u);
     EXPECT_NE(out.find("got error from media select statement\n"), npos) << out;
-    EXPECT_EQ(rvtest::protocol_texts(prot).size(), 1u);
 }
 
 // A whole update script through the real shell: nested sections, conditions,
@@ -265,11 +250,8 @@ step_3=cmd touch gv_rw_work:after_exit.txt
               "WARNING: condition line in illegal format!\n"
               ">>>[ $new_version > \"1.6.4.\" ]&& cmd touch gv_rw_work:malformed.txt<<<\n"
               "format required: [ {argument} {operator} {argument} ] && {keyword} {command}\n"
-              " argument: \n"
-              "     $old_version  >>  current version\n"
-              "     $new_version  >>  update version\n"
-              "     \"{string}\"\n"
-              " operator:  < | > | <= | >= | == | <>\n"
+              " argument: \n     $old_version  >>  current version\n     $new_version  >>  update version\n"
+              "     \"{string}\"\n operator:  < | > | <= | >= | == | <>\n"
               " keyword:   change | cmd | dump | export | exit | import | rmdir | sql | skip | update\n"
               " command:   any valid command for given keyword\n"
               "step=10 cmd=echo 1.6.4.71   >>  gv_rw_work:count.txt\n");
@@ -285,33 +267,23 @@ step_3=cmd touch gv_rw_work:after_exit.txt
         }
     }
     const std::string export_dir = box.path("export/");
+    const std::string c = "    condition is ", x = "    iCmdExecute =  ", brk = "--- PARSER breaks bcs. of keyword 'exit'";
     EXPECT_EQ(lines, (std::vector<std::string>{
-                         "+++ DbUpdate [Update 1.6.4.]",
-                         "    condition is valid: [ \"1.6.3.20\" < \"1.6.4.\" ]",
-                         "    iCmdExecute =  echo from 1.6.3.20 to 1.6.4.71 > " + work + "versions_<stamp>.txt",
-                         "    condition is not valid: [ \"1.6.3.20\" >= \"1.6.4.\" ]",
-                         "    condition is valid: postgresql",
-                         "    iCmdExecute =  mkdir -p " + export_dir + "sub",
-                         "    condition is not valid: oracle",
-                         "    +++ DbUpdate [update nested 1]",
-                         "        iCmdExecute =  echo nested > " + work + "nested.txt",
-                         "      --- PARSER breaks bcs. of keyword 'exit'",
-                         "    --- DbUpdate update nested 1",
-                         "    condition is valid: [ \"1.6.4.71\" == \"1.6.4.\" ]",
-                         "    iRmDir: rm -rf " + work + "old",
-                         "    +++ DbUpdate []",
-                         "    --- DbUpdate ",
-                         "    iCmdExecute =  echo 1.6.4.71 >> " + work + "count.txt",
-                         "  --- PARSER breaks bcs. of keyword 'exit'",
-                         "--- DbUpdate Update 1.6.4.",
-                     }));
+                         "+++ DbUpdate [Update 1.6.4.]", c + "valid: [ \"1.6.3.20\" < \"1.6.4.\" ]",
+                         x + "echo from 1.6.3.20 to 1.6.4.71 > " + work + "versions_<stamp>.txt",
+                         c + "not valid: [ \"1.6.3.20\" >= \"1.6.4.\" ]", c + "valid: postgresql",
+                         x + "mkdir -p " + export_dir + "sub", c + "not valid: oracle",
+                         "    +++ DbUpdate [update nested 1]", "    " + x + "echo nested > " + work + "nested.txt",
+                         "      " + brk, "    --- DbUpdate update nested 1", c + "valid: [ \"1.6.4.71\" == \"1.6.4.\" ]",
+                         "    iRmDir: rm -rf " + work + "old", "    +++ DbUpdate []", "    --- DbUpdate ",
+                         x + "echo 1.6.4.71 >> " + work + "count.txt", "  " + brk, "--- DbUpdate Update 1.6.4."}));
     // What the shell made of them: nothing of the steps not taken.
     std::vector<std::string> files;
-    for (const auto& entry : fs::directory_iterator(work)) {
-        files.push_back(std::regex_replace(entry.path().filename().string(), stamp, "<stamp>"));
-    }
+    for (const auto& entry : fs::directory_iterator(work)) files.push_back(entry.path().filename());
     std::sort(files.begin(), files.end());
-    EXPECT_EQ(files, (std::vector<std::string>{"count.txt", "nested.txt", "versions_<stamp>.txt"}));
+    ASSERT_EQ(files.size(), 3u);
+    EXPECT_EQ(std::regex_replace(files[0] + "," + files[1] + "," + files[2], stamp, "<stamp>"),
+              "count.txt,nested.txt,versions_<stamp>.txt");
     EXPECT_TRUE(fs::is_directory(export_dir + "sub"));
     EXPECT_EQ(rvtest::read_file(work + "nested.txt") + rvtest::read_file(work + "count.txt"), "nested\n1.6.4.71\n");
 }

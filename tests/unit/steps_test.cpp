@@ -62,15 +62,11 @@ class Steps : public ::testing::Test {
 TEST_F(Steps, ChangeAddsAndDropsColumns) {
     EXPECT_EQ(change("|id=1|label=A|old=x|\n|id=2|label=B'C|old=NULL|\n",
                      "ADD_COLUMNS=pool,note\nADD_VALUES='daily',NULL\nDEL_COLUMNS=old\n"),
-              "connect ravik_db\n"
-              "INSERT INTO media (id,label,pool,note) VALUES ('1','A','daily',NULL);\n"
+              "connect ravik_db\nINSERT INTO media (id,label,pool,note) VALUES ('1','A','daily',NULL);\n"
               "INSERT INTO media (id,label,pool,note) VALUES ('2','B''C','daily',NULL);\n");
-    EXPECT_EQ(out,
-              "change table media\n"
-              "db_change call add_entry ( pstrFirstRow, pool, 'daily')\n"
-              "db_change after add_entry ( pstrFirstRow, note, NULL)\n"
-              "db_change call add_entry ( pstrFirstRow, note, NULL)\n"
-              "db_change after add_entry ( pstrFirstRow, , )\n");
+    EXPECT_EQ(out, "change table media\ndb_change call add_entry ( pstrFirstRow, pool, 'daily')\n"
+                   "db_change after add_entry ( pstrFirstRow, note, NULL)\n"
+                   "db_change call add_entry ( pstrFirstRow, note, NULL)\ndb_change after add_entry ( pstrFirstRow, , )\n");
 
     const std::string head = "connect ravik_db\nINSERT INTO media ";
     const std::tuple<std::string, std::string, std::string> cases[] = {
@@ -101,16 +97,13 @@ TEST_F(Steps, ChangeTakesTheWorkDirectoryOfTheGlobalVariableAndTellsTheDisagreem
     rvtest::write_file(other + "db_media.tmp", "|id=1|\n");
     rvtest::write_file(rv::rvdb_ini, "[1.6.4.media]\n");
     EXPECT_EQ(rvtest::capture(1, [] { rv::db_change("media"); }),
-              "work directory: global variable gv_rw_work (" + other +
-                  ") differs from rv.ini gv_rw_work (" + work + "); " + other +
-                  " is used\nchange table media\n");
-    EXPECT_EQ(rvtest::read_file(other + "db_media.tmp"),
-              "connect ravik_db\nINSERT INTO media (id) VALUES ('1');\n");
+              "work directory: global variable gv_rw_work (" + other + ") differs from rv.ini gv_rw_work (" + work +
+                  "); " + other + " is used\nchange table media\n");
+    EXPECT_EQ(rvtest::read_file(other + "db_media.tmp"), "connect ravik_db\nINSERT INTO media (id) VALUES ('1');\n");
     EXPECT_FALSE(fs::exists(image_path));
     // The dump, import and export name the same file, without telling again.
     std::string path;
-    EXPECT_EQ(rvtest::capture(1, [&] { path = rv::table_image_path("media"); }), "");
-    EXPECT_EQ(path, other + "db_media.tmp");
+    EXPECT_EQ(rvtest::capture(1, [&] { path = rv::table_image_path("media"); }) + path, other + "db_media.tmp");
 }
 
 TEST_F(Steps, ChangeRefusalsEndTheRunAndLeaveTheImage) {
@@ -140,15 +133,12 @@ TEST_F(Steps, ChangeRefusalsEndTheRunAndLeaveTheImage) {
 TEST_F(Steps, DumpAnswerBecomesTheImageOrFailsTheDump) {
     EXPECT_EQ(rv::table_image_path("media"), image_path);
     std::string header = "c0", row = "1";
-    for (int i = 1; i < 31; ++i) {
-        header += "|c" + std::to_string(i);
-        row += "|1";
-    }
-    const std::string none = "<none>";
+    for (int i = 1; i < 31; ++i) header += "|c" + std::to_string(i), row += "|1";
+    const std::string none = "<none>";  // no image
     const std::tuple<std::string, bool, std::string, std::string> cases[] = {
         // answer, converted, its message (or a part of it), the image
-        {"select distinct * from media\nID|Label|size\n4| weekly |NULL\n5|Mo=Fr|12\n(2 rows)\n",
-         true, "2", "|id=4|label=weekly|size=NULL|\n|id=5|label=Mo=Fr|size=12|\n"},
+        {"select distinct * from media\nID|Label|size\n4| weekly |NULL\n5|Mo=Fr|12\n(2 rows)\n", true, "2",
+         "|id=4|label=weekly|size=NULL|\n|id=5|label=Mo=Fr|size=12|\n"},
         // A data value that merely holds the footer text is data, not the end.
         {"s\nnote\nsee (2 rows)\n(1 row)\n", true, "1", "|note=see (2 rows)|\n"},
         {"s\nexpiration_date\n1\n(1 row)\n", true, "1", "|expiration_date=1|\n"},
@@ -156,14 +146,12 @@ TEST_F(Steps, DumpAnswerBecomesTheImageOrFailsTheDump) {
         // nor does an answer that cannot be carried.
         {"select distinct * from media\nid|label\n(0 rows)\n", true, "0", none},
         {"insert into media values (1)\nINSERT 0 1\n", true, "0", none},
-        {"s\nid|note\n1|two\nlines\n(1 row)\n", false, "row 2 of media has 1 fields for 2 columns",
-         none},
+        {"s\nid|note\n1|two\nlines\n(1 row)\n", false, "row 2 of media has 1 fields for 2 columns", none},
         {"s\nid\n1\n2\n(1 row)\n", false, "2 rows read, but the database reported 1", none},
         {"s\nid\n1\n", false, "no row count", none},
-        {"s\n" + header + "\n" + row + "\n(1 row)\n", false,
-         "media has 31 columns, a table image holds at most 30", none},
-        {"s\nexpiration_date_u\n(0 rows)\n", false,
-         "column name expiration_date_u of media has 17 bytes", none},
+        {"s\n" + header + "\n" + row + "\n(1 row)\n", false, "media has 31 columns, a table image holds at most 30",
+         none},
+        {"s\nexpiration_date_u\n(0 rows)\n", false, "column name expiration_date_u of media has 17 bytes", none},
         {"only the statement\n", false, "Can't find lines with column-names", none},
     };
     const std::string sqo = box.dir("gv_rw_tmp") + "media.sqo";
@@ -221,9 +209,7 @@ TEST_F(Steps, CommandWordsLinesAndRemoval) {
     rvtest::CaptureFd console(1);
     rv::iRmDir(victim + "/" + std::string(rv::kRmDirCommandMax, 'x'));
     EXPECT_EQ(runner.ran, std::vector<std::string>{});
-    EXPECT_NE(console.finish().find("iRmDir: command longer than 511 characters, nothing "
-                                    "removed: rm -rf " +
-                                    victim),
+    EXPECT_NE(console.finish().find("iRmDir: command longer than 511 characters, nothing removed: rm -rf " + victim),
               std::string::npos);
     EXPECT_EQ(rvtest::read_file(victim + "/file"), "x");
 }
