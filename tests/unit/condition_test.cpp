@@ -28,14 +28,12 @@ TEST_F(Condition, ReleasesCompareByCharacterAndOperatorsByTheirCharacters) {
         // holds by its '=' (=> and != alike), never without (<> and ~ alike).
         {"$old_version > \"1.6.4.\"", false},
         {"$new_version >= \"2.0.1.\"", true},
-        {"$new_version <> $old_version", true},
-        {"\"1.10.\" < \"1.9.\"", true},
+        {"$new_version <> $old_version", true}, {"\"1.10.\" < \"1.9.\"", true},
         {"$old_version != \"1.6.5.\"", false},
         {"$old_version >", true},              // a missing argument: whole texts
         {"$old_version < 1.6.4.", true},       // meets the other side's quote
         // One word tests the database type; two blanks make the operator empty.
-        {"postgresql", true},
-        {"oracle", false},
+        {"postgresql", true}, {"oracle", false},
         {"$old_version  < \"2.0.1.\"", false},
     };
     // Whether `text` holds, and the text afterwards.

@@ -120,17 +120,14 @@ TEST_F(Db, RecordListAndExportTextWithTheirColumnLimit) {
 TEST_F(Db, DateFormsByDatabaseType) {
     const std::tuple<std::string, std::string, std::string, std::string> cases[] = {
         // type, keyword, argument, result
-        {"postgres", "DATE", "2006-10-18", "2006-10-18 00:00:00"},
-        {"ORACLE", "DATE", "2006-10-18", "20061018"},
+        {"postgres", "DATE", "2006-10-18", "2006-10-18 00:00:00"}, {"ORACLE", "DATE", "2006-10-18", "20061018"},
         // DATE_RAVIK goes by the second letter of the type.
         {"xRAY", "DATE_RAVIK", "20061018", "2006-10-18"},
         // The time is appended before the cut: a short date keeps part of it.
         {"postgres", "DATE_RAVIK", "2006-1-8", "2006-1-8 0"},
         {"sqlite", "DATE_RAVIK", "20061018", ""},
         {"postgres", "DATE_TIME_RAVIK", "2006-10-18 12:34:56", "2006-10-18 12:34:56"},
-        {"postgres", "MAX", "max(id)", "max"},
-        {"OpenAccess", "MAX", "max(id)", "COL1"},
-        {"unknown", "MAX", "max(id)", ""},
+        {"postgres", "MAX", "max(id)", "max"}, {"OpenAccess", "MAX", "max(id)", "COL1"}, {"other", "MAX", "max", ""},
     };
     for (const auto& [type, key, in, out] : cases) {
         box.set_glbv("gv_db_type", type);
@@ -179,11 +176,10 @@ TEST_F(Db, StatementTextAndForm) {
 
     using rv::SqlForm;
     const std::tuple<std::string, bool, SqlForm> forms[] = {
-        {"update t set a=1", false, SqlForm::command},
         {" select * from t", false, SqlForm::command},
         {"select count(*) from t", true, SqlForm::calculated},
         {"select max(id) from t where a='X'", false, SqlForm::calculated},
-        {"select count(*) from t GROUP BY a", false, SqlForm::record_list},
+        {"select count(*) from t GROUP BY a", false, SqlForm::record_list},  // no calculation with GROUP BY
         {"select avg(id) from t", false, SqlForm::record_list},
         {"select * from t", true, SqlForm::export_text},
     };

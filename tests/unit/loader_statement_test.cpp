@@ -20,14 +20,11 @@ std::string text(const rv::InsertForm& form) {
 TEST(LoaderStatement, InsertFormsAndExactValues) {
     const std::pair<std::string, std::string> cases[] = {
         // As the table change step writes it.
-        {"INSERT INTO media (id,label,note) VALUES ('1','A01','x');",
-         "media(id,label,note) [1] [A01] [x]"},
+        {"INSERT INTO media (id,label,note) VALUES ('1','A01','x');", "media(id,label,note) [1] [A01] [x]"},
         // As the export tool writes it, NULL bare, any case.
-        {"INSERT INTO pool (name,size,note) VALUES ('p1',NULL,null);",
-         "pool(name,size,note) [p1] NULL NULL"},
+        {"INSERT INTO pool (name,size,note) VALUES ('p1',NULL,null);", "pool(name,size,note) [p1] NULL NULL"},
         // Blanks between tokens, lower case, a qualified table, no semicolon, a CR.
-        {"  insert into rv.media ( id , label )values( '2' ,  'B' )\r",
-         "rv.media(id,label) [2] [B]"},
+        {"  insert into rv.media ( id , label )values( '2' ,  'B' )\r", "rv.media(id,label) [2] [B]"},
         {"INSERT INTO t (a,b,c,d,e,f) VALUES ('it''s','a,b','(x)',''''' ; NULL','','Grüße 日本');",
          "t(a,b,c,d,e,f) [it's] [a,b] [(x)] ['' ; NULL] [] [Grüße 日本]"},
         // The text NULL in quotes is a value; backslashes stay.
@@ -40,9 +37,7 @@ TEST(LoaderStatement, InsertFormsAndExactValues) {
         {"INSERT INTO t (a) VALUES ('1'); DELETE FROM t;", "refused"},  // anything after the list
         {"INSERT INTO t (a) VALUES ('open);", "refused"},               // unterminated quote
         {"INSERT INTO t (a) VALUES ('a' 'b');", "refused"},             // adjacent literals
-        {"INSERT INTO t (a) SELECT '1';", "refused"},
-        {"INSERTINTO t (a) VALUES ('1');", "refused"},
-        {"", "refused"},
+        {"INSERT INTO t (a) SELECT '1';", "refused"}, {"INSERTINTO t (a) VALUES ('1');", "refused"}, {"", "refused"},
         {std::string("INSERT INTO t (a) VALUES ('x\0y');", 33), "refused"},
     };
     for (const auto& [line, form] : cases) {
@@ -53,16 +48,11 @@ TEST(LoaderStatement, InsertFormsAndExactValues) {
 
 TEST(LoaderStatement, OnlyOneCertainStatementGoesIntoABatch) {
     const std::pair<const char*, bool> cases[] = {
-        {"UPDATE t SET a = 'x;y' WHERE b = 1;", true},
-        {"delete from t where a = 'it''s'", true},
-        {"INSERT INTO t VALUES (1, \"x\"\"y\" );  ", true},
-        {"UPDATE t SET a = 1; UPDATE t SET b = 2;", false},
-        {"UPDATE t SET a = 'x' -- note", false},
-        {"UPDATE t SET a = /* c */ 1", false},
-        {"UPDATE t SET a = $$x$$", false},
-        {"UPDATE t SET a = E'x\\';DELETE FROM t;'", false},
-        {"UPDATE t SET a = 'open", false},
-        {"WITH x AS (SELECT 1) DELETE FROM t", false},
+        {"UPDATE t SET a = 'x;y' WHERE b = 1;", true}, {"delete from t where a = 'it''s'", true},
+        {"INSERT INTO t VALUES (1, \"x\"\"y\" );  ", true}, {"UPDATE t SET a = 1; UPDATE t SET b = 2;", false},
+        {"UPDATE t SET a = 'x' -- note", false}, {"UPDATE t SET a = /* c */ 1", false},
+        {"UPDATE t SET a = $$x$$", false}, {"UPDATE t SET a = E'x\\';DELETE FROM t;'", false},
+        {"UPDATE t SET a = 'open", false}, {"WITH x AS (SELECT 1) DELETE FROM t", false},
     };
     for (const auto& [sql, single] : cases) {
         EXPECT_EQ(rv::is_single_dml(sql), single) << sql;
@@ -71,8 +61,7 @@ TEST(LoaderStatement, OnlyOneCertainStatementGoesIntoABatch) {
 
 TEST(LoaderStatement, LineKindsAndOneLineMessages) {
     const std::tuple<const char*, Kind, std::string> cases[] = {
-        {"", Kind::Skip, ""},
-        {"-- 3 rows found ", Kind::Skip, ""},
+        {"", Kind::Skip, ""}, {"-- 3 rows found ", Kind::Skip, ""},
         {"connect ravik_db", Kind::Connect, "ravik_db"},
         {"CONNECT  other_db ;\r", Kind::Connect, "other_db"},
         {"connect", Kind::Alone, "connect"},

@@ -59,25 +59,24 @@ TEST_F(Runner, AReaderThatGivesUpStopsTheChild) {
     };
     EXPECT_THROW(rv::child_runner().run({forever(), stop_reading, nullptr, false}), std::runtime_error);
     EXPECT_TRUE(gone()) << "the child ran on after its reader gave up";
+}
 
-    // Lines come whole, line feed kept, a last one without it too; the exit
-    // code and a death by signal come through the guardian unchanged.
-    std::vector<std::string> lines;
-    auto end = rv::child_runner().run({"printf 'a\\nbb\\nc'; exit 3", [&](const std::string& l) { lines.push_back(l); },
-                                       nullptr, false});
-    EXPECT_EQ(lines, (std::vector<std::string>{"a\n", "bb\n", "c"}));
+// Names put into shell lines survive the shell; lines come whole, line feed
+// kept, a last one without it too; the exit code and a death by signal come
+// through the guardian unchanged.
+TEST_F(Runner, NamesLinesAndEndsComeThroughTheShell) {
+    std::string shell_line = "printf '%s\\n'";
+    std::vector<std::string> lines, expected;
+    for (const std::string name : {"/plain/b-c_1.tmp", "with blank", "it's", "$HOME;`x`", "a\"b\\c", ""}) {
+        shell_line += " " + rv::shell_quote(name), expected.push_back(name + "\n");
+    }
+    expected.push_back("c");
+    auto end = rv::child_runner().run(
+        {shell_line + "; printf c; exit 3", [&](const std::string& l) { lines.push_back(l); }, nullptr, false});
+    EXPECT_EQ(lines, expected);
     EXPECT_EQ(end.exit_code(), 3);
     end = rv::child_runner().run({"kill -TERM $$", {}, nullptr, false});
     EXPECT_TRUE(WIFSIGNALED(end.status) && WTERMSIG(end.status) == SIGTERM) << end.status;
-}
-
-TEST_F(Runner, NamesSurviveTheShell) {
-    for (const std::string name : {"/plain/b-c_1.tmp", "with blank", "it's", "$HOME;`x`", "a\"b\\c", ""}) {
-        std::string seen;
-        rv::child_runner().run({"printf %s " + rv::shell_quote(name), [&](const std::string& l) { seen += l; },
-                                nullptr, false});
-        EXPECT_EQ(seen, name);
-    }
     EXPECT_EQ(rv::shell_quote("/plain/b-c_1.tmp"), "/plain/b-c_1.tmp") << "plain names stay as they are";
     EXPECT_EQ(std::to_string(rv::shell_double_quotable("select * from media")) +
                   std::to_string(rv::shell_double_quotable("select \"x\" from t")), "10");
