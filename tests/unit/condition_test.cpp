@@ -41,9 +41,7 @@ TEST_F(Condition, ReleasesCompareByCharacterAndOperatorsByTheirCharacters) {
         const bool holds = rv::iCondition(text);
         return std::to_string(holds) + text;
     };
-    for (const auto& [text, holds] : cases) {
-        EXPECT_EQ(check(text).front(), holds ? '1' : '0') << text;
-    }
+    for (const auto& [text, holds] : cases) EXPECT_EQ(check(text).front(), holds ? '1' : '0') << text;
     // A comparison is rewritten with the versions in place; a type word is not.
     EXPECT_EQ(check("$old_version < \"2.0.1.\""), "1[ \"1.6.4.71\" < \"2.0.1.\" ]");
     box.set_glbv("gv_db_type", "");

@@ -183,9 +183,7 @@ TEST_F(Db, StatementTextAndForm) {
         {"select avg(id) from t", false, SqlForm::record_list},
         {"select * from t", true, SqlForm::export_text},
     };
-    for (const auto& [text, with_list, form] : forms) {
-        EXPECT_EQ(rv::sql_form(text, with_list), form) << text;
-    }
+    for (const auto& [text, with_list, form] : forms) EXPECT_EQ(rv::sql_form(text, with_list), form) << text;
     const std::string name = "abcdefghijklmnopqrstuvwxyz0123456789";
     EXPECT_EQ(rv::select_table("select a from   jobs;") + "," + rv::select_table("select pg_sleep(5)") + "," +
                   rv::select_table("select * from " + name), "jobs;,," + name);

@@ -54,9 +54,7 @@ TEST(LoaderStatement, OnlyOneCertainStatementGoesIntoABatch) {
         {"UPDATE t SET a = $$x$$", false}, {"UPDATE t SET a = E'x\\';DELETE FROM t;'", false},
         {"UPDATE t SET a = 'open", false}, {"WITH x AS (SELECT 1) DELETE FROM t", false},
     };
-    for (const auto& [sql, single] : cases) {
-        EXPECT_EQ(rv::is_single_dml(sql), single) << sql;
-    }
+    for (const auto& [sql, single] : cases) EXPECT_EQ(rv::is_single_dml(sql), single) << sql;
 }
 
 TEST(LoaderStatement, LineKindsAndOneLineMessages) {

@@ -6,8 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "config/product.hpp"
@@ -222,7 +222,6 @@ step_9=[ $new_version > "1.6.4." ]&& cmd touch gv_rw_work:malformed.txt
 step_10=cmd  echo $new_version   >>  gv_rw_work:count.txt
 step_11=exit
 step_12=cmd touch gv_rw_work:beyond_last.txt
-
 [update nested 1]
 last_step_nr=3
 step_1=cmd echo nested > gv_rw_work:nested.txt
@@ -275,12 +274,9 @@ step_3=cmd touch gv_rw_work:after_exit.txt
                          x + "echo 1.6.4.71 >> " + work + "count.txt", "  " + brk + " 'exit'",
                          "--- DbUpdate Update 1.6.4."}));
     // What the shell made of them: nothing of the steps not taken.
-    std::vector<std::string> files;
-    for (const auto& entry : fs::directory_iterator(work)) files.push_back(entry.path().filename());
-    std::sort(files.begin(), files.end());
-    ASSERT_EQ(files.size(), 3u);
-    EXPECT_EQ(std::regex_replace(files[0] + "," + files[1] + "," + files[2], stamp, "<stamp>"),
-              "count.txt,nested.txt,versions_<stamp>.txt");
+    std::set<std::string> files;
+    for (const auto& e : fs::directory_iterator(work)) files.insert(regex_replace(e.path().string(), stamp, "*"));
+    EXPECT_EQ(files, (std::set<std::string>{work + "count.txt", work + "nested.txt", work + "versions_*.txt"}));
     EXPECT_TRUE(fs::is_directory(export_dir + "sub"));
     EXPECT_EQ(rvtest::read_file(work + "nested.txt") + rvtest::read_file(work + "count.txt"), "nested\n1.6.4.71\n");
 }

@@ -77,9 +77,7 @@ TEST_F(Steps, ChangeAddsAndDropsColumns) {
         {"|id=1|note=|\n", "", head + "(id,note) VALUES ('1','');\n"},
         {"", "ADD_COLUMNS=a\nADD_VALUES=1\n", "connect ravik_db\n"},
     };
-    for (const auto& [image, section, script] : cases) {
-        EXPECT_EQ(change(image, section), script) << image << section;
-    }
+    for (const auto& [image, section, script] : cases) EXPECT_EQ(change(image, section), script) << image << section;
     // A missing image gives an empty script.
     fs::remove(image_path);
     rvtest::write_file(rv::rvdb_ini, "[1.6.4.media]\nDEL_COLUMNS=x\n");
@@ -171,9 +169,7 @@ TEST_F(Steps, CommandWordsLinesAndRemoval) {
         {"gv_export:a.sql", "/exp/a.sql"}, {"--file=:gv_export:x", "--file=/exp/x"},
         {":gv_rw_work:x", ":gv_rw_work:x"}, {"gv_unknown:x", "gv_unknown:x"},
     };
-    for (const auto& [word, result] : cases) {
-        EXPECT_EQ(stamped(rv::rewrite_command_word(word)), result) << word;
-    }
+    for (const auto& [word, result] : cases) EXPECT_EQ(stamped(rv::rewrite_command_word(word)), result) << word;
     // The command line begins with a blank and joins runs of blanks; on
     // Windows the command words are translated.
     std::string win = work;
