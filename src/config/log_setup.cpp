@@ -10,6 +10,7 @@
 #include "config/environment.hpp"
 #include "config/glbv.hpp"
 #include "config/ini.hpp"
+#include "log/prot.hpp"
 #include "log/trace.hpp"
 #include "sys/runner.hpp"
 #include "sys/file_io.hpp"
@@ -86,8 +87,7 @@ void set_language() {
     }
 }
 
-}  // namespace
-
+// The protocol file as the global variable gv_prot names it.
 ProtFile prot_file_from_glbv(std::string& path) {
     const GlbvResult value = glbv_read("gv_prot");
     path = value.text;
@@ -101,6 +101,8 @@ ProtFile prot_file_from_glbv(std::string& path) {
     }
     return ProtFile::failed;
 }
+
+}  // namespace
 
 void install_product_services() {
     set_prot_file_resolver(prot_file_from_glbv);

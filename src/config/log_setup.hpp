@@ -6,8 +6,6 @@
 
 #include <string_view>
 
-#include "log/prot.hpp"
-
 namespace rv {
 
 // Installs what the lower layers ask the product for: the protocol file
@@ -25,8 +23,5 @@ void v_set_log_main(std::string_view cpKeyFile, std::string_view cpKeyDebug);
 // Returns the trace level the debug settings file gives for `cpInput`
 // (upper-cased), or 0.
 int log_check(std::string_view cpInput);
-
-// The protocol file as the global variable gv_prot names it.
-ProtFile prot_file_from_glbv(std::string& path);
 
 }  // namespace rv
