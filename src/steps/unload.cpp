@@ -126,7 +126,7 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable) {
         if (end.how == ChildEnd::How::refused || end.how == ChildEnd::How::not_started) {
             FINISH(RV_ERROR, "ERROR: Import could not start " + cmd);
         }
-        status = end.status;
+        status = end.finished() ? end.status : -1;
         WRITE_TRACE(1, "import %s returned exit state %d with %d errors", table.c_str(), status, errors);
         if (strLog.iVerify == 0) {
             std::printf("import %s returned exit state %d with %d errors\n", table.c_str(), status, errors);
