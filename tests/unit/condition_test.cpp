@@ -26,7 +26,9 @@ TEST_F(Condition, ReleasesCompareByCharacterAndOperatorsByTheirCharacters) {
     const std::pair<const char*, bool> cases[] = {
         // A release prefix matches every build of it: equal, so an operator
         // holds by its '=' (=> and != alike), never without (<> and ~ alike).
-        {"$old_version > \"1.6.4.\"", false},
+        {"$old_version == \"1.6.4.\"", true}, {"$old_version => \"1.6.4.\"", true}, {"$old_version != \"1.6.4.\"", true},
+        {"$new_version <> \"2.0.1.\"", false}, {"$old_version ~ \"1.6.4.\"", false},
+        {"$old_version < \"2.0.1.\"", true}, {"$old_version > \"1.6.4.\"", false},
         {"$new_version >= \"2.0.1.\"", true},
         {"$new_version <> $old_version", true}, {"\"1.10.\" < \"1.9.\"", true},
         {"$old_version != \"1.6.5.\"", false},

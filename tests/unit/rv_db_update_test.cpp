@@ -69,7 +69,7 @@ TEST_F(RvDbUpdate, UsageAndWarningWithoutACommand) {
         // "-v" in the command position: the level is set, then usage.
         {{"-v", "2"}, "-v set to 2\n" + usage},
         // A word inside the command list but at no command's start: the warning.
-        {{"fix"}, warning},
+        {{"fix"}, warning}, {{"date"}, warning}, {{"d"}, warning}, {{"s"}, warning}, {{"|"}, warning},
     };
     for (const auto& [args, text] : cases) {
         EXPECT_EQ(std::to_string(run(args)) + out, "1" + text) << testing::PrintToString(args);
@@ -103,8 +103,9 @@ TEST_F(RvDbUpdate, WordsSelectCommandsAndDowngradePaths) {
          "STATUS=ERROR MSG=CmdExecute: Format error: No token ' ' in .\n", "1.6.4.71", "1.6.2.9"},
         {{"downgrade"}, 2, "[Downgrade from 2.0.1 to 1.6.3]\nstep=1 cmd=echo 2\nSTATUS=ERROR MSG=iDbUpdate: sections "
          "nested deeper than 64, section [update loop] not run (does a section call itself?)\n", "2.0.1.3"},
-        // The depth is back after the refusal; "" is found at the list's start.
+        // The depth is back after the refusal; "" and "up" are found at the list's start.
         {{""}, 0, update},
+        {{"up"}, 0, update},
         // 1.6.4 knows only the way back to 1.6.2: nothing happens.
         {{"do"}, 0, ""},
         {{"downgrade"}, 2, "STATUS=ERROR MSG=Es sind keine Downgrade Informationen fuer diese Version verfuegbar.\n",

@@ -73,8 +73,9 @@ TEST_F(Steps, ChangeAddsAndDropsColumns) {
         {"|id=1|\n", "ADD_VALUES=7\n", head + "(id,KEY_NOT_FOUND) VALUES ('1','7');\n"},
         // Deleting the first column works; the value keeps all behind the first '='.
         {"|id=1|expr=a=b|\n", "DEL_COLUMNS=id\n", head + "(expr) VALUES ('a=b');\n"},
-        // An empty value stays an empty string.
+        // An empty value stays an empty string; quotes doubled, NULL bare, commas kept.
         {"|id=1|note=|\n", "", head + "(id,note) VALUES ('1','');\n"},
+        {"|a=it's|b=NULL|c=x,y)|\n", "", head + "(a,b,c) VALUES ('it''s',NULL,'x,y)');\n"},
         {"", "ADD_COLUMNS=a\nADD_VALUES=1\n", "connect ravik_db\n"},
     };
     for (const auto& [image, section, script] : cases) EXPECT_EQ(change(image, section), script) << image << section;
