@@ -96,6 +96,9 @@ ChildEnd run_reported(const ChildCommand& command, std::string& cpExe) {
             std::fflush(stderr);
             break;
     }
+    if (const int signo = stop_signal(); signo != 0) {
+        throw StepFailure("stopped by " + signal_name(signo) + " while running " + named);
+    }
     return end;
 }
 

@@ -30,7 +30,8 @@ int start_system(std::string& cpExe);
 // options (lines of output, a quit signal that breaks the wait off) or
 // decide themselves what a child that could not be made means. `cpExe` is
 // the text named in reports; an abnormal end replaces it by the error text.
-// Returns how the child ended.
+// Returns how the child ended; throws StepFailure when the tool caught a stop
+// signal (the child has then been stopped).
 ChildEnd run_reported(const ChildCommand& command, std::string& cpExe);
 
 // start_system's answer for `end`: the exit code, kStartSystemNoEnvironment

@@ -43,8 +43,7 @@
 // and no call can halt.
 // Nor does halt's exception cross run_guarded: halt throws only when it
 // finds no clean-up handler, and here it always finds signal_psql_handler
-// (SIGTERM and SIGINT are at their default action during the call, and the
-// programs do not catch SIGHUP).
+// (SIGTERM, SIGINT and SIGHUP are at their default action during the call).
 
 namespace rv {
 
@@ -138,13 +137,15 @@ bool statement_fits(const std::string& statement, std::size_t accents, std::stri
     return false;
 }
 
-// Runs the cleaned statement through run_guarded with SIGINT and SIGTERM at
-// their default action and SIGQUIT blocked but for the waits for the server;
-// restores SIGINT and SIGTERM afterwards. run_guarded's answer.
+// Runs the cleaned statement through run_guarded with SIGINT, SIGTERM and
+// SIGHUP at their default action (they end the program; the server rolls
+// the statement back) and SIGQUIT blocked but for the waits for the server;
+// restores their actions afterwards. run_guarded's answer.
 int run_shielded(const char* statement, const std::vector<std::size_t>& accents, char cExportFlg,
                  std::string& cpMsg, DB_REC_LIS* pRL) {
     set_action(SIGINT, SIG_DFL, &old_SIGINT_action);
     set_action(SIGTERM, SIG_DFL, &old_SIGTERM_action);
+    set_action(SIGHUP, SIG_DFL, &old_SIGHUP_action);
     sigset_t quit;
     sigset_t entry_mask;
     sigemptyset(&quit);
@@ -156,6 +157,7 @@ int run_shielded(const char* statement, const std::vector<std::size_t>& accents,
 
     sigaction(SIGINT, &old_SIGINT_action, nullptr);
     sigaction(SIGTERM, &old_SIGTERM_action, nullptr);
+    sigaction(SIGHUP, &old_SIGHUP_action, nullptr);
     return result;
 }
 

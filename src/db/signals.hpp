@@ -15,9 +15,10 @@ extern sigjmp_buf gSigenv;
 extern int giSaveSignal;
 // Scratch action used to install a handler or the default action.
 extern struct sigaction new_action;
-// The SIGINT and SIGTERM actions in force before a database statement.
+// The SIGINT, SIGTERM and SIGHUP actions in force before a database statement.
 extern struct sigaction old_SIGINT_action;
 extern struct sigaction old_SIGTERM_action;
+extern struct sigaction old_SIGHUP_action;
 
 // The value sigsetjmp returns when a handler has jumped back.
 inline constexpr int kSignalJumpValue = -1;

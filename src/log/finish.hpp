@@ -29,6 +29,14 @@ class Fatal : public std::runtime_error {
     bool status_line_;
 };
 
+// A step that holds the only copy of rows failed, or the run was told to
+// stop: the run ends (RV_ERROR) before any later step. The script driver
+// names the step in the status line; `what()` is the reason.
+class StepFailure : public Fatal {
+  public:
+    explicit StepFailure(std::string_view cpReason) : Fatal(RV_ERROR, cpReason) {}
+};
+
 // Traces entry and exit (not for RV_FATAL) and throws Fatal(iExit, cpMsg).
 // Must not be called where a quit-signal jump target is active.
 [[noreturn]] void FINISH(int iExit, std::string_view cpMsg);

@@ -9,6 +9,7 @@
 #include "config/product.hpp"
 #include "steps/table_image.hpp"
 #include "log/finish.hpp"
+#include "log/prot.hpp"
 #include "log/trace.hpp"
 #include "sys/atomic_file.hpp"
 #include "sys/file_io.hpp"
@@ -38,6 +39,17 @@ std::string joined(const std::vector<std::string>& list, std::size_t from) {
     std::string msg = "db_change: ";
     msg.append(why).append("; table ").append(table).append(" not changed");
     FINISH(RV_ERROR, msg);
+}
+
+// The INSERT script of `table` cannot be written: said on the console and in
+// the protocol with the file and the reason, and the run ends, since the
+// import would load the raw image.
+[[noreturn]] void script_not_written(const std::string& table, const AtomicFile& out) {
+    const std::string why = "cannot write the INSERT script: " + out.why();
+    std::printf("db_change: %s\n", why.c_str());
+    std::fflush(stdout);
+    trap_db_err("db_change " + table, why);
+    throw StepFailure("change of " + table + ": " + why);
 }
 
 void append_quoted(std::string& out, const std::string& value) {
@@ -272,9 +284,9 @@ void db_change(std::string_view cpTable) {
     WRITE_TRACE(2, "<write_struct> try to open file: %s", file.c_str());
     AtomicFile out(file);
     if (!out.ok()) {
-        std::printf("- can not open file %s return false.\n\n", file.c_str());
-        WRITE_TRACE(1, "- can not open file %s return false", file.c_str());
-        return;
+        std::printf("- can not open file %s return false.\n\n", out.temp().c_str());
+        WRITE_TRACE(1, "- can not open file %s return false", out.temp().c_str());
+        script_not_written(table, out);
     }
     std::fputs("connect ravik_db\n", out.stream());
     if (in) {
@@ -287,6 +299,7 @@ void db_change(std::string_view cpTable) {
     in.reset();
     if (!out.commit()) {
         i_FILE_CLOSE(errno);
+        script_not_written(table, out);
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -37,10 +38,11 @@ std::string statement_refusal(const std::string& sql, std::string& tmpDir) {
 }
 
 // Records the statement in `sqi`; false (traced) when the file cannot be
-// opened.
-bool write_statement(const std::string& sqi, const std::string& sql) {
+// opened; `why` then says so.
+bool write_statement(const std::string& sqi, const std::string& sql, std::string& why) {
     FilePtr in(std::fopen(sqi.c_str(), "w"));
     if (!in) {
+        why = "Can't open file " + sqi + " to write: " + std::strerror(errno);
         WRITE_TRACE(1, "--- PGSQL_DO_SQL  cannot open file %s to write", sqi.c_str());
         return false;
     }
@@ -119,7 +121,8 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
     }
     const std::string sqi = tmpDir + id + ".sqi";
     const std::string sqo = tmpDir + id + ".sqo";
-    if (!write_statement(sqi, sql)) {
+    if (std::string why; !write_statement(sqi, sql, why)) {
+        cpMsg = why;
         return false;
     }
 
@@ -130,6 +133,7 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
     switch (run_client(cmd, interruptible)) {
         case RunResult::interrupted:
             interrupted = true;
+            cpMsg = "the statement was broken off by SIGQUIT";
             return false;
         case RunResult::refused:
             return fail("iPGSQL_DO_SQL: the environment for the database client could not be prepared");
@@ -288,7 +292,7 @@ bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutF
     }
     AtomicFile out(image);
     if (!out.ok()) {
-        return fail("Can't open file " + image + " to write");
+        return fail("Can't open file " + out.temp() + " to write: " + std::strerror(errno));
     }
     FilePtr in(std::fopen(cpSqlOutFile.c_str(), "r"));
     if (!in) {
@@ -311,7 +315,7 @@ bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutF
     } else if (!out.commit()) {
         const int err = errno;
         i_FILE_CLOSE(err);
-        return fail("Can't write file " + image);
+        return fail("Can't write file " + image + ": " + out.why());
     }
     cpMsg = std::to_string(answer.rows);
     WRITE_TRACE(1, "--- PGSQL_MAKE_DB_GET_FILE   rows= %s ", cpMsg.c_str());

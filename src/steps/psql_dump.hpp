@@ -21,8 +21,8 @@ inline constexpr std::size_t kDumpColumnNameMax = 15;
 
 // Runs `cpSql` for the identifier `cpId` (a table name) through the client,
 // as a statement a quit signal may break off. Returns true on success with
-// the row count in `cpMsg`; false with the reason in `cpMsg` (or, when a quit
-// signal broke the statement off, with `cpMsg` as it was).
+// the row count in `cpMsg`; false with the reason in `cpMsg` (a quit signal
+// that broke the statement off included).
 bool iSELECT_INTO_TEMP_FILE(std::string_view cpId, std::string_view cpSql, std::string& cpMsg);
 
 // Converts the client's answer `cpSqlOutFile` into the table image of

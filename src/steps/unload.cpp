@@ -1,5 +1,7 @@
 #include "steps/unload.hpp"
 
+#include <sys/wait.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -7,6 +9,8 @@
 
 #include "config/process.hpp"
 #include "config/product.hpp"
+#include "db/access.hpp"
+#include "loader/loader.hpp"
 #include "log/finish.hpp"
 #include "log/prot.hpp"
 #include "log/trace.hpp"
@@ -44,6 +48,29 @@ std::string image_or_finish(const char* step, const std::string& table) {
                              table + " not handled");
     }
     return image;
+}
+
+// True only when the database says that `table` does not exist (asked
+// after its dump failed); a database that cannot be asked says nothing.
+bool table_missing(const std::string& table) {
+    if (table.find('\'') != std::string::npos) {
+        return false;
+    }
+    std::string count = "export";
+    const bool asked =
+        iDB_ACCESS("select count(*) from pg_class where oid = to_regclass('" + table + "')", count, nullptr);
+    return asked && count == "0";
+}
+
+// Ends the run when the loader stopped before the end of the script of
+// `table` (no connection, lost connection, killed): the table may hold only
+// part of its rows.
+void check_load_complete(const std::string& table, int status) {
+    if (status != -1 && WIFEXITED(status) && WEXITSTATUS(status) != kLoaderStopped) {
+        return;
+    }
+    throw StepFailure("import of " + table + ": the loader stopped before the end of its script (exit state " +
+                      std::to_string(status) + ")");
 }
 
 }  // namespace
@@ -84,6 +111,13 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
         WRITE_TRACE(1, "got error from statement %s", sql.c_str());
         if (strLog.iVerify == 0) {
             std::printf("got error from %s select statement\n", table.c_str());
+        }
+        // The image would be the only copy of the rows of a table that
+        // exists: without it the run must not go on. An optional table that
+        // does not exist is no loss.
+        if (!table_missing(table)) {
+            std::fflush(stdout);
+            throw StepFailure("dump of " + table + " failed: " + msg);
         }
         return false;
     });
@@ -131,6 +165,7 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable) {
         if (strLog.iVerify == 0) {
             std::printf("import %s returned exit state %d with %d errors\n", table.c_str(), status, errors);
         }
+        check_load_complete(table, status);
         std::fflush(stdout);
         return true;
     });

@@ -3,12 +3,22 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace rv {
 
 AtomicFile::AtomicFile(std::string target)
     : target_(std::move(target)), temp_(target_ + ".new." + std::to_string(getpid())) {
     fp_ = std::fopen(temp_.c_str(), "w");
+    if (fp_ == nullptr) {
+        failed("cannot write ", temp_, errno);
+    }
+}
+
+bool AtomicFile::failed(const char* what, const std::string& file, int err) {
+    why_ = what + file + ": " + std::strerror(err);
+    errno = err;
+    return false;
 }
 
 AtomicFile::~AtomicFile() { discard(); }
@@ -35,11 +45,10 @@ bool AtomicFile::commit() {
     }
     fp_ = nullptr;
     if (!ok) {
-        errno = err;
-        return false;
+        return failed("cannot write ", temp_, err);
     }
     if (std::rename(temp_.c_str(), target_.c_str()) != 0) {
-        return false;
+        return failed("cannot rename to the target ", temp_, errno);
     }
     committed_ = true;
     return true;

@@ -20,11 +20,17 @@ public:
     bool ok() const { return fp_ != nullptr; }
     std::FILE* stream() const { return fp_; }
     const std::string& target() const { return target_; }
+    const std::string& temp() const { return temp_; }
 
     // Flushes, syncs and closes the temporary file and renames it over the
     // target. Returns false (leaving the target as it was) on any error;
-    // errno then tells why.
+    // errno and why() then tell what failed.
     bool commit();
+
+    // What failed, naming the file that failed and the system's reason
+    // ("cannot write <temporary file>: No space left on device"); "" while
+    // nothing failed.
+    const std::string& why() const { return why_; }
 
 private:
     // Closes and removes the temporary file; the target stays as it was.
@@ -34,6 +40,10 @@ private:
     std::string temp_;
     std::FILE* fp_ = nullptr;
     bool committed_ = false;
+    std::string why_;
+
+    // Records `what` failed on `file` with `err`; returns false.
+    bool failed(const char* what, const std::string& file, int err);
 };
 
 }  // namespace rv

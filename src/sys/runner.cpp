@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csetjmp>
 #include <csignal>
@@ -34,9 +35,17 @@ constexpr int kGuardSignal = SIGUSR1;
 // Signals the guardian outlives, so that it can report how the shell ended.
 constexpr int kStopSignals[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
 constexpr int kPollMs = 10;
+// A stopped child is first asked to end (SIGINT: a client cancels its
+// statement), then told (SIGTERM after this long), then killed (SIGKILL after
+// kChildGraceMs).
+constexpr int kCancelMs = 500;
 
-// Set once the running child is to be stopped.
+// Set once the running child is to be stopped; the running child's process
+// group (its guardian's pid), or -1; a stop signal the tool caught, or 0.
+// Read and written by signal handlers.
 volatile sig_atomic_t gStopRequested = 0;
+volatile sig_atomic_t gRunning = -1;
+volatile sig_atomic_t gStopSignal = 0;
 
 ChildRunner* gInstalled = nullptr;
 ChildEnvironment gEnvironment = nullptr;
@@ -54,6 +63,21 @@ void on_quit(int /*signo*/) {
 }
 
 void kill_own_group(int /*signo*/) { kill(0, SIGKILL); }
+
+void on_stop_signal(int signo) {
+    gStopSignal = signo;
+    gStopRequested = 1;
+    const pid_t group = gRunning;
+    if (group > 0) {
+        kill(-group, SIGINT);
+    }
+}
+
+long elapsed_ms(const timespec& since) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (now.tv_sec - since.tv_sec) * 1000L + (now.tv_nsec - since.tv_nsec) / 1000000L;
+}
 
 void sleep_ms(int ms) {
     timespec ts{ms / 1000, static_cast<long>(ms % 1000) * 1000000L};
@@ -147,34 +171,40 @@ void sleep_ms(int ms) {
     end_like(status);
 }
 
-// Waits for `pid`, stopping it once a stop is requested. Returns the wait
-// status, or -1 - errno when there is no child to wait for.
+// Sends the stop signal that is due `ms` after the stop began; `sent` counts
+// those sent so far.
+void escalate(pid_t pid, long ms, int& sent) {
+    constexpr int kSteps[] = {SIGINT, SIGTERM, SIGKILL};
+    const long due[] = {0, kCancelMs, kChildGraceMs};
+    while (sent < 3 && ms >= due[sent]) {
+        kill(-pid, kSteps[sent++]);
+    }
+}
+
+// Waits for `pid`, stopping it once a stop is requested. The wait polls, so
+// that a stop request is seen even where a handler's interruption is not.
+// Returns the wait status, or -1 - errno when there is no child to wait for.
 int wait_owned(pid_t pid) {
-    int status = 0;
-    bool killed = false;
-    timespec deadline{};
+    int sent = 0;
+    int pause = 1;
+    timespec stop{};
     while (true) {
-        const pid_t r = waitpid(pid, &status, gStopRequested ? WNOHANG : 0);
+        int status = 0;
+        const pid_t r = waitpid(pid, &status, WNOHANG);
         if (r == pid) {
             return status;
         }
         if (r < 0 && errno != EINTR) {
             return -1 - errno;
         }
-        if (!gStopRequested) {
-            continue;
+        if (gStopRequested) {
+            if (sent == 0) {
+                clock_gettime(CLOCK_MONOTONIC, &stop);
+            }
+            escalate(pid, elapsed_ms(stop), sent);
         }
-        timespec now{};
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        if (deadline.tv_sec == 0) {
-            kill(-pid, SIGTERM);
-            deadline = now;
-            deadline.tv_sec += kChildGraceMs / 1000;
-        } else if (!killed && now.tv_sec >= deadline.tv_sec) {
-            kill(-pid, SIGKILL);
-            killed = true;
-        }
-        sleep_ms(kPollMs);
+        sleep_ms(pause);
+        pause = std::min(pause * 2, kPollMs);
     }
 }
 
@@ -228,7 +258,12 @@ void pass_lines(int fd, const std::function<void(const std::string&)>& on_line) 
 // stopped and reaped, the pipe closed and the terminal taken back.
 class Owned {
   public:
-    Owned(pid_t pid, int fd, bool terminal) : pid_(pid), fd_(fd), terminal_(terminal) {}
+    Owned(pid_t pid, int fd, bool terminal) : pid_(pid), fd_(fd), terminal_(terminal) {
+        gRunning = pid;
+        if (gStopSignal != 0) {
+            gStopRequested = 1;  // told to stop before it started
+        }
+    }
     ~Owned() {
         if (fd_ >= 0) {
             close(fd_);
@@ -237,6 +272,7 @@ class Owned {
             gStopRequested = 1;
             wait_owned(pid_);
         }
+        gRunning = -1;
         gStopRequested = 0;
         if (terminal_) {
             sigset_t ttou;
@@ -349,6 +385,23 @@ ChildRunner& child_runner() {
 void set_child_runner(ChildRunner* runner) { gInstalled = runner; }
 
 void set_child_environment(ChildEnvironment prepare) { gEnvironment = prepare; }
+
+void catch_stop_signals(std::initializer_list<int> signals) {
+    struct sigaction action {};
+    action.sa_handler = on_stop_signal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    for (const int signo : signals) {
+        sigaction(signo, &action, nullptr);
+    }
+}
+
+int stop_signal() { return gStopSignal; }
+
+std::string signal_name(int signo) {
+    const char* abbrev = sigabbrev_np(signo);
+    return abbrev != nullptr ? std::string("SIG") + abbrev : "signal " + std::to_string(signo);
+}
 
 std::string shell_quote(std::string_view word) {
     constexpr std::string_view kPlain = "_-+./:=,@%";

@@ -8,12 +8,14 @@
 #pragma once
 
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
 namespace rv {
 
-// Time a stopped child gets between SIGTERM and SIGKILL.
+// A stopped child's process group gets SIGINT (a client cancels its
+// statement), SIGTERM after half a second and SIGKILL after this long.
 inline constexpr int kChildGraceMs = 2000;
 
 // What to run and how.
@@ -53,9 +55,9 @@ struct ChildEnd {
 class ChildRunner {
   public:
     virtual ~ChildRunner() = default;
-    // Runs `command` to its end and says how it ended. A quit signal or an
-    // exception from `on_line` stops the child (its whole process group:
-    // SIGTERM, then SIGKILL after kChildGraceMs) first.
+    // Runs `command` to its end and says how it ended. A quit signal, a
+    // caught stop signal or an exception from `on_line` stops the child (its
+    // whole process group) first.
     virtual ChildEnd run(const ChildCommand& command) = 0;
 };
 
@@ -72,6 +74,17 @@ using ChildEnvironment = bool (*)(std::string_view shell_line);
 // Installs the environment preparation the real runner calls before every
 // start (nullptr: none).
 void set_child_environment(ChildEnvironment prepare);
+
+// Catches `signals` (SIGTERM, SIGINT, SIGHUP, say) for the rest of the run:
+// one of them stops the running child, and any child started later, and is
+// remembered for stop_signal(). System calls interrupted by them restart.
+void catch_stop_signals(std::initializer_list<int> signals);
+
+// The stop signal caught, or 0.
+int stop_signal();
+
+// "SIGTERM" for SIGTERM, and so on.
+std::string signal_name(int signo);
 
 // `word` as one shell word: unchanged when it holds only letters, digits
 // and "_-+./:=,@%", else in single quotes (a quote inside as '\'').

@@ -12,6 +12,7 @@
 #include "steps/change.hpp"
 #include "steps/command.hpp"
 #include "steps/unload.hpp"
+#include "sys/runner.hpp"
 #include "sys/strings.hpp"
 #include "update/condition.hpp"
 
@@ -117,6 +118,20 @@ int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart,
     return 1;
 }
 
+// Runs a step unless the run was told to stop; a step that must end the run
+// is named in the status line. Returns 0 when the section is to end.
+int run_step(Keyword keyword, const std::string& expanded, std::size_t argStart, int iStep) {
+    const std::string step = "step " + std::to_string(iStep) + " (" + expanded + ")";
+    if (const int signo = stop_signal(); signo != 0) {
+        FINISH(RV_ERROR, "stopped by " + signal_name(signo) + " before " + step + "; later steps not run");
+    }
+    try {
+        return dispatch(keyword, expanded, argStart, iStep);
+    } catch (const StepFailure& failure) {
+        FINISH(RV_ERROR, step + " failed: " + failure.what() + "; later steps not run");
+    }
+}
+
 }  // namespace
 
 std::string expand_versions(std::string_view text) {
@@ -171,7 +186,7 @@ int parser(std::string_view cpString, int iStep) {
 
     if (execute) {
         const std::string expanded = expand_versions(command);
-        if (dispatch(keyword_of(keyword), expanded, argStart, iStep) == 0) {
+        if (run_step(keyword_of(keyword), expanded, argStart, iStep) == 0) {
             return 0;
         }
     }

@@ -94,21 +94,53 @@ TEST_F(Tool, OperatorIsAskedForAnUnreadableOldVersion) {
     }
 }
 
-TEST_F(Tool, AChildDoesNotOutliveTheTool) {
-    const std::string pidfile = box.path("child.pid");
-    rvtest::write_file(box.path("child.sh"),
-                       "echo $$ > " + pidfile + ".new && mv " + pidfile + ".new " + pidfile + "\nexec sleep 600\n");
-    rvtest::write_file(ro + "skel/rv_db_update.ini",
-                       "[Update 1.6.4.]\nlast_step_nr=1\nstep_1=cmd sh " + box.path("child.sh") + "\n");
+// A step's child that waits for ever: `pidfile` names it once it runs.
+class Stopping : public Tool {
+  protected:
+    void SetUp() override {
+        Tool::SetUp();
+        rvtest::write_file(box.path("child.sh"),
+                           "echo $$ > " + pidfile + ".new && mv " + pidfile + ".new " + pidfile + "\nexec sleep 600\n");
+        rvtest::write_file(ro + "skel/rv_db_update.ini", "[Update 1.6.4.]\nlast_step_nr=2\nstep_1=cmd sh " +
+                                                             box.path("child.sh") + "\nstep_2=cmd touch " + box.path("after") + "\n");
+    }
+    // The child of `tool`'s first step, once it runs.
+    pid_t child_of(const rvtest::Background&) {
+        EXPECT_TRUE(rvtest::eventually([&] { return fs::exists(pidfile); })) << "the step's child never started";
+        const pid_t child = std::stoi(rvtest::read_file(pidfile));
+        EXPECT_FALSE(rvtest::process_gone(child));
+        fs::remove(pidfile);
+        return child;
+    }
+    void expect_gone(pid_t child) {
+        EXPECT_TRUE(rvtest::eventually([&] { return rvtest::process_gone(child); })) << child << " outlived the tool";
+        if (!rvtest::process_gone(child)) {
+            kill(child, SIGKILL);
+        }
+    }
+    std::string pidfile = box.path("child.pid");
+};
+
+TEST_F(Stopping, AChildDoesNotOutliveTheTool) {
     rvtest::Background tool({kTool, "update", "1.6.3.20", "1.6.4.71"});
-    ASSERT_TRUE(rvtest::eventually([&] { return fs::exists(pidfile); })) << "the step's child never started";
-    const pid_t child = std::stoi(rvtest::read_file(pidfile));
-    ASSERT_FALSE(rvtest::process_gone(child));
+    const pid_t child = child_of(tool);
     kill(tool.pid(), SIGKILL);
     EXPECT_EQ(tool.wait().status, 128 + SIGKILL);
-    EXPECT_TRUE(rvtest::eventually([&] { return rvtest::process_gone(child); })) << "the child " << child << " outlived the tool";
-    if (!rvtest::process_gone(child)) {
-        kill(child, SIGKILL);
+    expect_gone(child);
+}
+
+TEST_F(Stopping, ToldToStopTheRunStopsItsChildAndEndsWithTheStatusLine) {
+    for (const auto& [signo, name] : {std::pair{SIGTERM, "SIGTERM"}, {SIGINT, "SIGINT"}, {SIGHUP, "SIGHUP"}}) {
+        rvtest::Background tool({kTool, "update", "1.6.3.20", "1.6.4.71"});
+        const pid_t child = child_of(tool);
+        kill(tool.pid(), signo);
+        const auto r = tool.wait();
+        EXPECT_EQ(r.status, 2) << name;
+        EXPECT_TRUE(r.out.ends_with("STATUS=ERROR MSG=step 1 (cmd sh " + box.path("child.sh") + ") failed: stopped by " +
+                                    name + " while running  sh " + box.path("child.sh") + "; later steps not run\n"))
+            << r.out;
+        expect_gone(child);
+        EXPECT_FALSE(fs::exists(box.path("after"))) << "a step ran after " << name;
     }
 }
 

@@ -99,21 +99,31 @@ TEST_F(DbSteps, DumpsThatCannotBeFaithfulFailAndLeaveNoImage) {
     pg_query("ravik_db", "create table piped (id int, note text); insert into piped values (1, 'a|b');"
                          "create table broken (id int, note text); insert into broken values (1, E'two\\nlines')");
     rvtest::write_file(work + "db_piped.tmp", "|id=9|note=stale|\n");
-    const auto r = rvtest::run(script("last_step_nr=3\nstep_1=dump ravik_db nosuch,media,\n"
-                                      "step_2=dump ravik_db piped\nstep_3=dump ravik_db broken\n"),
-                               rvtest::kToolEnv);
-    EXPECT_EQ(r.status, 0) << r.err;
-    // The client's error output reaches the console, not its answer file.
-    EXPECT_EQ(steps_of(r.out),
-              "step=1 db=ravik_db dump=nosuch,media,\n"
-              "ERROR:  relation \"nosuch\" does not exist\n"
-              "LINE 1: select distinct * from nosuch\n"
-              "                               ^\n"
-              "got error from nosuch select statement\n"
-              "step=2 db=ravik_db dump=piped\n"
-              "got error from piped select statement\n"
-              "step=3 db=ravik_db dump=broken\n"
-              "got error from broken select statement\n");
+    // A table that does not exist fails its dump and the run goes on; one
+    // that exists ends the run when its dump fails.
+    const std::string tail = " (a value holding '|' or a line break cannot be dumped): ";
+    const std::pair<std::string, std::string> runs[] = {
+        {"last_step_nr=3\nstep_1=dump ravik_db nosuch,media,\nstep_2=dump ravik_db piped\nstep_3=cmd touch x\n",
+         "step=1 db=ravik_db dump=nosuch,media,\n"
+         "ERROR:  relation \"nosuch\" does not exist\n"
+         "LINE 1: select distinct * from nosuch\n"
+         "                               ^\n"
+         "got error from nosuch select statement\n"
+         "step=2 db=ravik_db dump=piped\n"
+         "got error from piped select statement\n"
+         "STATUS=ERROR MSG=step 2 (dump ravik_db piped) failed: dump of piped failed: iPGSQL_MAKE_DB_GET_FILE: row 1 "
+         "of piped has 3 fields for 2 columns" + tail + "1|a|b; later steps not run\n"},
+        {"last_step_nr=1\nstep_1=dump ravik_db broken\n",
+         "step=1 db=ravik_db dump=broken\ngot error from broken select statement\n"
+         "STATUS=ERROR MSG=step 1 (dump ravik_db broken) failed: dump of broken failed: iPGSQL_MAKE_DB_GET_FILE: row 2 "
+         "of broken has 1 fields for 2 columns" + tail + "lines; later steps not run\n"},
+    };
+    for (const auto& [steps, console] : runs) {
+        const auto r = rvtest::run(script(steps), rvtest::kToolEnv);
+        EXPECT_EQ(r.status, 2) << r.err;
+        EXPECT_EQ(steps_of(r.out), console);  // the client's error output reaches the console
+    }
+    EXPECT_FALSE(fs::exists(work + "x")) << "a step after a failed dump of an existing table ran";
     // A failed select keeps the client's files; the list stops at it.
     EXPECT_EQ(rvtest::read_file(tmp + "nosuch.sqi"), "select distinct * from nosuch\n");
     EXPECT_EQ(rvtest::read_file(tmp + "nosuch.sqo"), "select distinct * from nosuch\n");
@@ -122,15 +132,14 @@ TEST_F(DbSteps, DumpsThatCannotBeFaithfulFailAndLeaveNoImage) {
         EXPECT_FALSE(fs::exists(work + "db_" + table + ".tmp")) << table;
     }
     const std::string row = " with unexpected result: iPGSQL_MAKE_DB_GET_FILE: row ";
-    const std::string cannot = " (a value holding '|' or a line break cannot be dumped): ";
     EXPECT_EQ(rvtest::protocol_texts(prot),
               (std::vector<std::string>{
                   "E018-DATABAS select distinct * from nosuch with unexpected result: didn't find expected strings in "
                   "database answer; please examine file " + tmp + "nosuch.sqo.",
-                  "E018-DATABAS select distinct * from piped" + row + "1 of piped has 3 fields for 2 columns" +
-                      cannot + "1|a|b.",
+                  "E018-DATABAS select distinct * from piped" + row + "1 of piped has 3 fields for 2 columns" + tail +
+                      "1|a|b.",
                   "E018-DATABAS select distinct * from broken" + row + "2 of broken has 1 fields for 2 columns" +
-                      cannot + "lines."}));
+                      tail + "lines."}));
 }
 
 // Steps go on after a statement that fails and after one that SIGQUIT cuts
