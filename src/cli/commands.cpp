@@ -15,6 +15,7 @@
 #include "sys/timefmt.hpp"
 #include "update/checkenv.hpp"
 #include "update/driver.hpp"
+#include "update/run_lock.hpp"
 
 namespace rv {
 
@@ -181,6 +182,10 @@ int run_command(int argc, char** argv) {
 }  // namespace
 
 int rv_db_update_main(int argc, char** argv) {
+    // The lock a command took goes with the run, however it ends.
+    struct Unlock {
+        ~Unlock() { unlock_installation(); }
+    } unlock;
     try {
         return run_command(argc, argv);
     } catch (const Fatal& fatal) {

@@ -14,6 +14,7 @@
 #include "log/trace.hpp"
 #include "sys/console.hpp"
 #include "config/dirwalk.hpp"
+#include "update/run_lock.hpp"
 
 namespace rv {
 
@@ -174,6 +175,8 @@ void checkenv(std::string& cpOldVersion, std::string& cpNewVersion) {
     for (const auto& [key, field] : dirs) {
         i_READ_INI("RV_INI", "[PATHES]", key, *field, msg, kDirValueSize);
     }
+    // Before anything asks the operator or touches the installation.
+    lock_installation(pathes.var_work);
     upd_setenv();
 
     if (cpNewVersion.empty()) {

@@ -13,7 +13,8 @@ inline constexpr const char* kDefaultOldVersion = "1.6.4.71";
 // The operator's answer keeps at most this many characters minus one.
 inline constexpr int kVersionAnswerLimit = 10;
 
-// Fills `pathes` and `rvdb_ini`. Empty `cpOldVersion` / `cpNewVersion` ask
+// Fills `pathes` and `rvdb_ini` and locks the installation for the rest of
+// the run (update/run_lock.hpp). Empty `cpOldVersion` / `cpNewVersion` ask
 // for detection; the detected releases are written back into them. Ends the
 // run (FINISH throws Fatal) when the environment is unusable.
 void checkenv(std::string& cpOldVersion, std::string& cpNewVersion);

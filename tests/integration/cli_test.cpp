@@ -1,12 +1,15 @@
 // rv_db_update as a program on a sandbox installation: exit statuses of the
 // real binary, its trace file and -v echo, db_backup and db_restore with the
-// real archiver, the operator's answer on standard input, and the child of a
-// step that must not outlive a killed tool.
+// real archiver, the operator's answer on standard input, the child of a
+// step that must not outlive a killed tool, and one run of an installation
+// at a time.
 #include <gtest/gtest.h>
 
 #include <signal.h>
 
 #include <filesystem>
+#include <regex>
+#include <sstream>
 
 #include "support/run.hpp"
 #include "support/sandbox.hpp"
@@ -19,9 +22,10 @@ const std::string kTool = rvtest::bin("rv_db_update");
 class Tool : public ::testing::Test {
   protected:
     void SetUp() override { box.make_installation(); }
+    const rvtest::Env env = {{"OS", ""}, {"OSTYPE", "linux-gnu"}, {"LD_LIBRARY_PATH", ""}};
     rvtest::RunResult tool(std::vector<std::string> args, const std::string& input = "") {
         args.insert(args.begin(), kTool);
-        return rvtest::run(args, {{"OS", ""}, {"OSTYPE", "linux-gnu"}, {"LD_LIBRARY_PATH", ""}}, input);
+        return rvtest::run(args, env, input);
     }
     bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
@@ -142,6 +146,54 @@ TEST_F(Stopping, ToldToStopTheRunStopsItsChildAndEndsWithTheStatusLine) {
         expect_gone(child);
         EXPECT_FALSE(fs::exists(box.path("after"))) << "a step ran after " << name;
     }
+}
+
+TEST_F(Tool, OneRunOfAnInstallationAtATime) {
+    // The update's one step tells its pid and process group, then waits for
+    // the file go.
+    const std::string started = box.path("started"), go = box.path("go");
+    const std::string work = box.dir("gv_rw_work"), lock = work + "rv_db_update.lock";
+    rvtest::write_file(box.path("wait.sh"), "read -r pid _ _ _ group _ < /proc/$$/stat\necho $pid $group > " +
+                                                started + ".new && mv " + started + ".new " + started +
+                                                "\nwhile [ ! -f " + go + " ]; do sleep 0.05; done\n");
+    rvtest::write_file(ro + "skel/rv_db_update.ini",
+                       "[Update 1.6.4.]\nlast_step_nr=1\nstep_1=cmd sh " + box.path("wait.sh") + "\n");
+    const std::vector<std::string> update = {kTool, "update", "1.6.3.20", "1.6.4.71"};
+
+    rvtest::Background first(update, env);
+    ASSERT_TRUE(rvtest::eventually([&] { return fs::exists(started); })) << "the first run's step never started";
+    const std::string refusal = "STATUS=ERROR MSG=rv_db_update is already running for this installation: process " +
+                                std::to_string(first.pid()) + ", started ";
+    for (const char* command : {"update", "db_backup"}) {
+        const auto r = tool({command});
+        EXPECT_EQ(r.status, 2) << command;
+        const auto at = r.out.find(refusal);
+        ASSERT_NE(at, std::string::npos) << r.out;
+        EXPECT_FALSE(has(r.out, "[Check enviroment]")) << "refused only after the check: " << r.out;
+        const std::string rest = r.out.substr(at + refusal.size());
+        EXPECT_TRUE(std::regex_match(rest.substr(0, 19), std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}"))) << rest;
+        EXPECT_EQ(rest.substr(19), " (" + kTool + " update 1.6.3.20 1.6.4.71); lock file " + lock + "\n");
+    }
+    ASSERT_FALSE(rvtest::process_gone(first.pid())) << "the refused runs ended the first";
+    rvtest::write_file(go, "");
+    EXPECT_EQ(first.wait().status, 0);
+    EXPECT_EQ(tool({"db_backup"}).status, 0) << "the lock outlived its run";
+
+    // A run killed while its step runs: once it and its step's group are
+    // gone, the next run goes.
+    fs::remove(go);
+    fs::remove(started);
+    rvtest::Background killed(update, env);
+    ASSERT_TRUE(rvtest::eventually([&] { return fs::exists(started); }));
+    std::istringstream ids(rvtest::read_file(started));
+    pid_t child = 0, group = 0;
+    ids >> child >> group;
+    kill(killed.pid(), SIGKILL);
+    EXPECT_EQ(killed.wait().status, 128 + SIGKILL);
+    ASSERT_TRUE(rvtest::eventually([&] { return rvtest::process_gone(child) && rvtest::process_gone(group); }));
+    rvtest::write_file(go, "");
+    const auto r = tool({"update", "1.6.3.20", "1.6.4.71"});
+    EXPECT_EQ(r.status, 0) << r.out;
 }
 
 }  // namespace
