@@ -1,11 +1,65 @@
 #include "sys/atomic_file.hpp"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 namespace rv {
+
+namespace {
+
+constexpr std::string_view kTempMark = ".new.";
+
+// The pid "<name>.new.<pid>" ends with, or 0 for any other name.
+pid_t temporary_owner(const std::string& name) {
+    const auto mark = name.rfind(kTempMark);
+    if (mark == std::string::npos || mark == 0 || mark + kTempMark.size() == name.size()) {
+        return 0;
+    }
+    pid_t pid = 0;
+    for (std::size_t i = mark + kTempMark.size(); i < name.size(); ++i) {
+        if (name[i] < '0' || name[i] > '9' || pid > 99999999) {
+            return 0;
+        }
+        pid = pid * 10 + (name[i] - '0');
+    }
+    return pid;
+}
+
+// Whether `pid` runs the same program as this process. A process whose
+// program cannot be read (another user's) counts as one of ours.
+bool runs_this_program(pid_t pid) {
+    if (kill(pid, 0) != 0 && errno == ESRCH) {
+        return false;
+    }
+    std::error_code ec;
+    const auto other = std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec);
+    if (ec) {
+        return ec != std::errc::no_such_file_or_directory;
+    }
+    return other == std::filesystem::read_symlink("/proc/self/exe", ec);
+}
+
+}  // namespace
+
+std::vector<std::string> remove_abandoned_temporaries(const std::string& dir) {
+    std::vector<std::string> removed;
+    std::error_code ec;
+    std::filesystem::directory_iterator it(dir, ec);
+    for (; !ec && it != std::filesystem::directory_iterator(); it.increment(ec)) {
+        std::error_code file_ec;
+        const pid_t owner = temporary_owner(it->path().filename().string());
+        if (owner > 0 && it->is_regular_file(file_ec) && !runs_this_program(owner) &&
+            std::filesystem::remove(it->path(), file_ec)) {
+            removed.push_back(it->path().string());
+        }
+    }
+    return removed;
+}
 
 AtomicFile::AtomicFile(std::string target)
     : target_(std::move(target)), temp_(target_ + ".new." + std::to_string(getpid())) {

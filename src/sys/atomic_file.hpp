@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace rv {
 
@@ -45,5 +46,12 @@ private:
     // Records `what` failed on `file` with `err`; returns false.
     bool failed(const char* what, const std::string& file, int err);
 };
+
+// Removes the temporary files AtomicFile left in `dir` when its process was
+// killed: "<name>.new.<pid>" whose pid is no running process of the same
+// program as this one (a process gone, or one of another program that got
+// the pid since). Only safe where no other process of this program can be
+// writing into `dir`. Returns the paths removed.
+std::vector<std::string> remove_abandoned_temporaries(const std::string& dir);
 
 }  // namespace rv

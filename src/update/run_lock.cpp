@@ -5,6 +5,7 @@
 
 #include "log/finish.hpp"
 #include "log/trace.hpp"
+#include "sys/atomic_file.hpp"
 #include "sys/file_lock.hpp"
 
 namespace rv {
@@ -23,6 +24,14 @@ std::string holder_text(const LockHolder& holder) {
         text += " (" + holder.command + ")";
     }
     return text;
+}
+
+void remove_leftovers(const std::string& work_dir) {
+    for (const auto& path : remove_abandoned_temporaries(work_dir)) {
+        WRITE_TRACE(1, "removed %s, left by an ended run", path.c_str());
+        std::printf("removed %s, left by an ended run\n", path.c_str());
+    }
+    std::fflush(stdout);
 }
 
 }  // namespace
@@ -47,6 +56,7 @@ void lock_installation(const std::string& work_dir) {
             FINISH(RV_ERROR, "rv_db_update cannot lock the installation: " + path + ": " +
                                  std::strerror(gLock.error()));
     }
+    remove_leftovers(work_dir);
 }
 
 void unlock_installation() { gLock.release(); }

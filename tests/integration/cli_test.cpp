@@ -148,7 +148,7 @@ TEST_F(Stopping, ToldToStopTheRunStopsItsChildAndEndsWithTheStatusLine) {
     }
 }
 
-TEST_F(Tool, OneRunOfAnInstallationAtATime) {
+TEST_F(Tool, OneRunOfAnInstallationAtATimeAndLeftoversOfAKilledOneGo) {
     // The update's one step tells its pid and process group, then waits for
     // the file go.
     const std::string started = box.path("started"), go = box.path("go");
@@ -180,7 +180,7 @@ TEST_F(Tool, OneRunOfAnInstallationAtATime) {
     EXPECT_EQ(tool({"db_backup"}).status, 0) << "the lock outlived its run";
 
     // A run killed while its step runs: once it and its step's group are
-    // gone, the next run goes.
+    // gone, the next run goes and removes the temporary file it left.
     fs::remove(go);
     fs::remove(started);
     rvtest::Background killed(update, env);
@@ -188,12 +188,16 @@ TEST_F(Tool, OneRunOfAnInstallationAtATime) {
     std::istringstream ids(rvtest::read_file(started));
     pid_t child = 0, group = 0;
     ids >> child >> group;
+    const std::string leftover = work + "db_media.tmp.new." + std::to_string(killed.pid());
+    rvtest::write_file(leftover, "half an image");
     kill(killed.pid(), SIGKILL);
     EXPECT_EQ(killed.wait().status, 128 + SIGKILL);
     ASSERT_TRUE(rvtest::eventually([&] { return rvtest::process_gone(child) && rvtest::process_gone(group); }));
     rvtest::write_file(go, "");
     const auto r = tool({"update", "1.6.3.20", "1.6.4.71"});
     EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_TRUE(has(r.out, "removed " + leftover + ", left by an ended run\n")) << r.out;
+    EXPECT_FALSE(fs::exists(leftover));
 }
 
 }  // namespace

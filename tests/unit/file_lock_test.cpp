@@ -1,4 +1,5 @@
-// The file lock that says who holds it.
+// The file lock that says who holds it, and the clean-up of the temporary
+// files of atomic replacements whose process is gone.
 #include "sys/file_lock.hpp"
 
 #include <gtest/gtest.h>
@@ -9,9 +10,11 @@
 
 #include <filesystem>
 #include <regex>
+#include <set>
 
 #include "support/run.hpp"
 #include "support/sandbox.hpp"
+#include "sys/atomic_file.hpp"
 
 namespace {
 
@@ -58,6 +61,34 @@ TEST(FileLock, OthersAreToldWhoHoldsItUntilTheHolderAndItsForksEnd) {
 
     EXPECT_EQ(first.acquire(box.path("no/such/dir/run.lock")), rv::FileLock::Outcome::failed);
     EXPECT_EQ(first.error(), ENOENT);
+}
+
+TEST(AbandonedTemporaries, OnlyThoseOfProcessesOfThisProgramStay) {
+    rvtest::Sandbox box;
+    const pid_t ended = fork();
+    if (ended == 0) {
+        _exit(0);
+    }
+    waitpid(ended, nullptr, 0);
+    rvtest::Background sleeper({"/bin/sleep", "600"});
+    const std::string dir = box.path("work/");
+    const std::string gone = dir + "db_media.tmp.new." + std::to_string(ended);
+    const std::string other = dir + "db_jobs.tmp.new." + std::to_string(start_sleep(sleeper));
+    const std::set<std::string> kept = {dir + "db_drives.tmp.new." + std::to_string(getpid()),
+                                        dir + "notes.new.12a" + std::to_string(ended), dir + "db_media.tmp"};
+    for (const auto& file : kept) rvtest::write_file(file, "x");
+    rvtest::write_file(gone, "x");
+    rvtest::write_file(other, "x");
+    fs::create_directory(dir + "old.new." + std::to_string(ended));
+
+    const auto removed = rv::remove_abandoned_temporaries(dir);
+    EXPECT_EQ(std::set<std::string>(removed.begin(), removed.end()), (std::set<std::string>{gone, other}));
+    std::set<std::string> left;
+    for (const auto& e : fs::directory_iterator(dir)) left.insert(e.path().string());
+    auto expected = kept;
+    expected.insert(dir + "old.new." + std::to_string(ended));
+    EXPECT_EQ(left, expected);
+    EXPECT_TRUE(rv::remove_abandoned_temporaries(box.path("missing/")).empty());
 }
 
 }  // namespace
