@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # make demo: a whole update on a throwaway database. Builds a sample
 # installation under build/demo/ from examples/, starts a PostgreSQL server
-# reachable only through a unix socket there, loads a small ravik_db of
-# release 1.6.3.20, and runs rv_db_update db_backup, update and
-# set_params_fix as an operator would. The server is stopped at the end,
-# also when something fails.
+# reachable only through a unix socket, loads a small ravik_db of release
+# 1.6.3.20, and runs rv_db_update db_backup, update and set_params_fix as an
+# operator would. The server's data directory and socket lie in a temporary
+# directory of its own (mktemp), which user postgres can reach when the
+# checkout cannot be (as root in root's home, in any directory of mode 0700);
+# it is stopped and removed at the end, also when something fails, and its
+# log is kept as build/demo/server.log.
 set -euo pipefail
 
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -21,26 +24,44 @@ pgbin=$(pg_config --bindir 2>/dev/null || true)
 [[ -x "$pgbin/initdb" ]] || pgbin=$(ls -d /usr/lib/postgresql/*/bin 2>/dev/null | sort -V | tail -n 1)
 [[ -x "$pgbin/initdb" ]] || { echo "demo: PostgreSQL server programs not found (package postgresql)" >&2; exit 1; }
 
-# PostgreSQL refuses to run as root: then the server runs as user postgres.
+# PostgreSQL refuses to run as root: then the server runs as user postgres,
+# in its own directory, since it may not enter the checkout's.
 as_server() {
-    if [[ $(id -u) -eq 0 ]]; then runuser -u "$server_user" -- "$@"; else "$@"; fi
+    if [[ $(id -u) -eq 0 ]]; then
+        (cd "$pg" && runuser -u "$server_user" -- "$@")
+    else
+        "$@"
+    fi
 }
 
 section() { printf '\n==== %s ====\n' "$*"; }
 
+# The server's directory of a running demo, for one that was interrupted.
+pointer="$top/build/demo-server"
+pg=
+
 stop_server() {
-    if [[ -f "$demo/pg/data/postmaster.pid" ]]; then
-        as_server "$pgbin/pg_ctl" -D "$demo/pg/data" -m fast -w stop >/dev/null 2>&1 || true
+    [[ -n "$pg" && -d "$pg" ]] || return 0
+    if [[ -f "$pg/data/postmaster.pid" ]]; then
+        as_server "$pgbin/pg_ctl" -D "$pg/data" -m fast -w stop >/dev/null 2>&1 || true
     fi
+    if [[ -f "$pg/server.log" && -d "$demo" ]]; then cp "$pg/server.log" "$demo/server.log"; fi
+    rm -rf "$pg"
+    rm -f "$pointer"
 }
 
 # A server left running by an interrupted demo goes first.
-stop_server
+if [[ -f "$pointer" ]]; then
+    pg=$(cat "$pointer")
+    [[ "$(basename "$pg")" == rvdemo.* ]] || pg=
+    stop_server
+    rm -f "$pointer"
+fi
 rm -rf "$demo"
 mkdir -p "$demo"
 cp -r "$top/examples/installation/." "$demo/"
 find "$demo" -type f -exec sed -i "s|@ROOT@|$demo|g; s|@PORT@|$port|g" {} +
-mkdir -p "$demo"/{ro/bin,ro/db,rw/work/old_reports,rw/tmp,rw/lgc,rw/glbv,pg}
+mkdir -p "$demo"/{ro/bin,ro/db,rw/work/old_reports,rw/tmp,rw/lgc,rw/glbv}
 ln -s "$bin/rv_db" "$demo/ro/bin/rv_db"
 ln -s "$bin/oaisql" "$demo/ro/db/oaisql"
 touch "$demo/rw/work/old_reports/2025.txt"
@@ -48,14 +69,17 @@ touch "$demo/rw/work/old_reports/2025.txt"
 printf '%s' "$demo/rw/protocol.log" > "$demo/rw/glbv/gv_prot.rgv"
 printf 'POSTGRESQL' > "$demo/rw/glbv/gv_db_type.rgv"
 
-section "starting a throwaway PostgreSQL server (socket in $demo/pg)"
-if [[ $(id -u) -eq 0 ]]; then chown -R "$server_user" "$demo/pg"; fi
-as_server "$pgbin/initdb" -D "$demo/pg/data" -U postgres -A trust -E UTF8 --locale=C >/dev/null
+pg=$(mktemp -d "${TMPDIR:-/tmp}/rvdemo.XXXXXX")
+printf '%s\n' "$pg" > "$pointer"
 trap stop_server EXIT
-as_server "$pgbin/pg_ctl" -D "$demo/pg/data" -l "$demo/pg/server.log" -w \
-    -o "-k $demo/pg -p $port -c listen_addresses=''" start >/dev/null
+trap 'exit 130' INT TERM HUP
+section "starting a throwaway PostgreSQL server (data directory and socket in $pg)"
+if [[ $(id -u) -eq 0 ]]; then chown "$server_user:" "$pg"; fi
+as_server "$pgbin/initdb" -D "$pg/data" -U postgres -A trust -E UTF8 --locale=C >/dev/null
+as_server "$pgbin/pg_ctl" -D "$pg/data" -l "$pg/server.log" -w \
+    -o "-k $pg -p $port -c listen_addresses=''" start >/dev/null
 
-export PGHOST="$demo/pg" PGUSER=postgres PGPORT=$port
+export PGHOST="$pg" PGUSER=postgres PGPORT=$port
 export RAVIK_INI="$demo/etc/ravik.ini"
 psql -q -d postgres -c "create database ravik_db" >/dev/null
 psql -q -d ravik_db -v ON_ERROR_STOP=1 -f "$top/examples/ravik_db.sql" >/dev/null
@@ -90,4 +114,5 @@ if [[ -f "$demo/rw/protocol.log" ]]; then
 else
     echo "protocol file:                   $demo/rw/protocol.log (no message: nothing went wrong)"
 fi
-section "demo finished; stopping the server"
+echo "server log:                      $demo/server.log (kept when the server stops)"
+section "demo finished; stopping the server and removing $pg"
