@@ -37,7 +37,10 @@
 //    the session layer's globals and are given back at the jump target (a
 //    statement still running on the server is cancelled there). The
 //    statement text, its accent positions, the trace context and the result
-//    strings live in iDB_ACCESS and its caller, above the jump target.
+//    strings live in iDB_ACCESS and its caller, above the jump target. The
+//    reason of a failed connection or statement waits in the session
+//    layer's fixed buffer (session_failure) until iDB_ACCESS, back from the
+//    jump, copies it.
 // Everything that builds strings (tracing, the environment set-up, turning a
 // result into a record list or an export text) runs while SIGQUIT is blocked
 // and no call can halt.
@@ -55,6 +58,12 @@ constexpr std::string_view kSelect = "select";
 
 // run_guarded's answer after a jump back.
 constexpr int kJumped = -1;
+
+// The reason of a call that was broken off by SIGQUIT alone.
+constexpr const char* kSigquitReason = "broken off by SIGQUIT";
+
+// Why the last call was broken off (db_failure).
+std::string gBrokenOff;
 
 void set_action(int signo, void (*handler)(int), struct sigaction* old) {
     new_action = {};
@@ -316,6 +325,7 @@ bool iPSQL_DO_SQL(const char* cpSqlCmd, char cExportFlg, std::string& cpMsg, DB_
 }
 
 bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL) {
+    gBrokenOff.clear();
     if (cpSqlCmd.size() > 1 && (cpSqlCmd[0] == 'D' || cpSqlCmd[0] == 'M') && cpSqlCmd[1] == 'A') {
         return iDB_CONVERT_DATE_TIME(cpSqlCmd, cpMsg);
     }
@@ -342,10 +352,17 @@ bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL) 
 
     const int result = run_shielded(copy.c_str(), accents, cExportFlg, cpMsg, pRL);
     if (result == kJumped) {
+        const char* reason = session_failure();
+        gBrokenOff = *reason != '\0' ? reason : kSigquitReason;
+        WRITE_TRACE(1, "--- DB_ACCESS broken off: %s", gBrokenOff.c_str());
         return false;
     }
     WRITE_TRACE(1, "--- DB_ACCESS returns %d  msg=%s", result, cpMsg.c_str());
     return result == 1;
+}
+
+const std::string& db_failure() {
+    return gBrokenOff;
 }
 
 }  // namespace rv

@@ -38,10 +38,15 @@ inline constexpr std::size_t kTableNameMax = 29;
 // afterwards it holds the result text (affected rows, computed value, row
 // count, or the table name of an export) or the reason of a failure. A record
 // list, when given, is emptied first. A failure of the server or the
-// connection is printed on standard error and gives false. SIGINT and SIGTERM
-// are at their default action during the call; SIGQUIT makes the call fail
-// and the run go on.
+// connection is printed on standard error and gives false, with `cpMsg` left
+// as it was (see db_failure). SIGINT and SIGTERM are at their default action
+// during the call; SIGQUIT makes the call fail and the run go on.
 bool iDB_ACCESS(std::string_view cpSqlCmd, std::string& cpMsg, DB_REC_LIS* pRL);
+
+// Why the last iDB_ACCESS call failed when the connection or the server
+// failed or SIGQUIT broke it off: the reason on one line (session_failure),
+// or "broken off by SIGQUIT". Empty after any other end of the call.
+const std::string& db_failure();
 
 // The statement part of iDB_ACCESS, for a statement that is already cleaned;
 // runs inside iDB_ACCESS's jump-protected region and must not be called

@@ -17,6 +17,10 @@ bool iExecDbStatement(std::string_view /*cpDatabase*/, std::string_view cpStatem
     std::printf("%s\n", statement.c_str());
     std::fflush(stdout);
     if (!iDB_ACCESS(statement, msg, nullptr)) {
+        // A broken off call leaves the preset behind; the reason is apart.
+        if (!db_failure().empty()) {
+            msg = db_failure();
+        }
         trap_db_err(statement, msg);
         WRITE_TRACE(1, "got error from statement: %s", msg.c_str());
         std::printf(" got error from statement: %s\n", msg.c_str());

@@ -1,6 +1,7 @@
 // One SQL statement against the product database, with its console report:
-// the statement is printed, a failure is reported on the console, in the
-// trace and in the protocol log, and the run goes on.
+// the statement is printed, a failure is reported with its reason (for a
+// failed connection or statement the server's message, see db_failure) on
+// the console, in the trace and in the protocol log, and the run goes on.
 #pragma once
 
 #include <string_view>

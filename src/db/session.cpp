@@ -4,12 +4,14 @@
 #include <poll.h>
 
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
 
 namespace rv {
 
@@ -32,6 +34,10 @@ constexpr int kCleanupSignals[] = {SIGTERM, SIGHUP, SIGINT, SIGQUIT};
 
 // How long release_session waits for a cancelled statement's answer.
 constexpr int kCancelWaitMs = 10000;
+
+// The reason of the last failure of connectdb or doquery, on one line. A
+// fixed buffer: it is written inside the region a jump may leave.
+std::array<char, 512> gFailure{};
 
 void clear_result() {
     if (res != nullptr) {
@@ -142,6 +148,61 @@ void collect_results() {
     }
 }
 
+// Appends `text` to gFailure on one line: every run of blanks and line
+// breaks becomes one blank, and none opens it. Cut where the buffer ends.
+void add_failure(const char* text) {
+    std::size_t used = std::strlen(gFailure.data());
+    for (const char* c = text; *c != '\0' && used + 1 < gFailure.size(); ++c) {
+        if (std::isspace(static_cast<unsigned char>(*c)) == 0) {
+            gFailure[used++] = *c;
+        } else if (used > 0 && gFailure[used - 1] != ' ') {
+            gFailure[used++] = ' ';
+        }
+    }
+    gFailure[used] = '\0';
+}
+
+// Ends the reason in gFailure: without a closing blank, and never empty.
+void end_failure() {
+    std::size_t used = std::strlen(gFailure.data());
+    if (used > 0 && gFailure[used - 1] == ' ') {
+        gFailure[--used] = '\0';
+    }
+    if (used == 0) {
+        add_failure("no reason given");
+    }
+}
+
+// Makes `text` the reason of the failure.
+void note_failure(const char* text) {
+    gFailure[0] = '\0';
+    add_failure(text);
+    end_failure();
+}
+
+// The reason of a failed statement: the server's severity, message, detail
+// and hint (not the position in the statement).
+void note_result_failure(const PGresult* result) {
+    const char* primary = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
+    if (primary == nullptr) {
+        note_failure(PQresultErrorMessage(result));
+        return;
+    }
+    const char* severity = PQresultErrorField(result, PG_DIAG_SEVERITY);
+    note_failure(severity != nullptr ? severity : "ERROR");
+    add_failure(": ");
+    add_failure(primary);
+    const std::pair<const char*, int> parts[] = {{" DETAIL: ", PG_DIAG_MESSAGE_DETAIL},
+                                                 {" HINT: ", PG_DIAG_MESSAGE_HINT}};
+    for (const auto& [label, field] : parts) {
+        if (const char* text = PQresultErrorField(result, field)) {
+            add_failure(label);
+            add_failure(text);
+        }
+    }
+    end_failure();
+}
+
 // The text of a report after "PERROR" and the blanks and colons behind it.
 const char* perror_format(const char* format) {
     const char* rest = format + sizeof kPerror - 1;
@@ -219,6 +280,7 @@ PGconn* connectdb(const char* options) {
     // An older connection would be lost otherwise; the callers pair every
     // connectdb with disconnectdb, so this only guards against misuse.
     finish_connection();
+    gFailure[0] = '\0';
     // Connected step by step rather than in one call, so that the
     // connection object is in `conn` whenever a signal can come.
     conn = PQconnectStart(options);
@@ -232,6 +294,7 @@ PGconn* connectdb(const char* options) {
     }
     if (PQstatus(conn) != CONNECTION_OK) {
         // The failed connection object stays in `conn` for the jump target.
+        note_failure(PQerrorMessage(conn));
         halt("Connection to database using '%s' failed.\n%s\n", options, PQerrorMessage(conn));
     }
     return conn;
@@ -239,6 +302,7 @@ PGconn* connectdb(const char* options) {
 
 PGresult* doquery(const char* query) {
     clear_result();
+    gFailure[0] = '\0';
     // Sent and collected step by step rather than in one call, so that a
     // signal can come only while waiting, with every result already in `res`
     // and the statement's state in the connection.
@@ -248,13 +312,19 @@ PGresult* doquery(const char* query) {
     if (is_error(res)) {
         if (res != nullptr) {
             std::fprintf(stderr, "query error:  %s\n", PQresultErrorMessage(res));
+            note_result_failure(res);
         } else {
             std::fprintf(stderr, "connection error:  %s\n", PQerrorMessage(conn));
+            note_failure(PQerrorMessage(conn));
         }
         finish_connection();
         halt("failed query:  %s\n", query);
     }
     return res;
+}
+
+const char* session_failure() {
+    return gFailure.data();
 }
 
 void disconnectdb() {

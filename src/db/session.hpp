@@ -43,6 +43,12 @@ PGconn* connectdb(const char* options);
 // returns no rows and an empty statement are not errors.
 PGresult* doquery(const char* query);
 
+// The reason of the last failure of connectdb or doquery on one line: the
+// client library's connection message, or the server's message with its
+// detail and hint. Empty while connectdb or doquery has not failed since it
+// was last called.
+const char* session_failure();
+
 // Clears the current result and closes the current connection.
 void disconnectdb();
 

@@ -146,27 +146,36 @@ TEST_F(DbSteps, DumpsThatCannotBeFaithfulFailAndLeaveNoImage) {
 // short; a stray quote is stored as the accent (a LATIN1 database here).
 TEST_F(DbSteps, FailedAndInterruptedStatementsLetTheRunGoOn) {
     rvtest::pg_recreate_db("ravik_db", "LATIN1");
-    pg_query("ravik_db", "create table steps (id int, note text)");
-    const std::pair<std::string, std::string> sqls[] = {  // a statement, what follows its echo
+    pg_query("ravik_db", "create table steps (id int primary key, note text)");
+    // The server's reason with its detail, or the SIGQUIT, on one line.
+    const std::string duplicate =
+        "ERROR: duplicate key value violates unique constraint \"steps_pkey\" DETAIL: Key (id)=(1) already exists.";
+    const std::pair<std::string, std::string> sqls[] = {  // a statement, its reason of failure
         {"insert into steps values (1, 'one')", ""},
-        {"insert into nosuch values (2)", " got error from statement: export\n"},
-        {"select pg_sleep(5)", " got error from statement: export\n"},
+        {"insert into steps values (1, 'again')", duplicate},
+        {"select pg_sleep(5)", "broken off by SIGQUIT"},
         {"update steps set note='it's done' where id=1", ""},
         {"INSERT INTO steps VALUES (5, NULL)", ""},
     };
     std::string steps = "last_step_nr=7\nstep_6=cmd touch gv_rw_work:done.txt\nstep_7=exit\n";
     std::string console;
+    std::vector<std::string> protocol;
     for (std::size_t i = 0; i < std::size(sqls); ++i) {
-        const auto& [sql, after] = sqls[i];
+        const auto& [sql, reason] = sqls[i];
         steps += "step_" + std::to_string(i + 1) + "=sql ravik_db " + sql + "\n";
-        console += "step=" + std::to_string(i + 1) + " db=ravik_db sql=" + sql + "\n" + sql + "\n" + after;
+        console += "step=" + std::to_string(i + 1) + " db=ravik_db sql=" + sql + "\n" + sql + "\n";
+        if (!reason.empty()) {
+            console += " got error from statement: " + reason + "\n";
+            protocol.push_back("E018-DATABAS " + sql + " with unexpected result: " + reason + ".");
+        }
     }
     const auto r = rvtest::quit_during(script(steps), "select pg_sleep(5)");
     EXPECT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_EQ(steps_of(r.out), console + "step=6 cmd=touch gv_rw_work:done.txt\n");
     // Once through halt for the failed insert, once for the real SIGQUIT.
     const std::string& quit = rvtest::kQuitLine;
-    EXPECT_NE(r.err.find("query error:  ERROR:  relation \"nosuch\" does not exist"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("query error:  ERROR:  duplicate key value"), std::string::npos) << r.err;
+    EXPECT_EQ(rvtest::protocol_texts(prot), protocol);
     EXPECT_NE(r.err.find(quit, r.err.find(quit) + 1), std::string::npos) << r.err;
     EXPECT_EQ(pg_query("ravik_db", "select id, note = 'it' || chr(180) || 's done' from steps order by id"),
               (PgRows{{"1", "t"}, {"5", std::nullopt}}));

@@ -104,7 +104,7 @@ TEST_F(DbTools, SigquitEndsTheStatementNotTheTool) {
 
 TEST_F(DbTools, SetParamsFixStampsVersionAndDateOrReportsAndGoesOn) {
     const std::string version = "update params_fix set version='1.6.4.71' where kunde='QOR-RAVIK'";
-    const std::string failed = "\n got error from statement: export\n";
+    const std::string failed = "\n got error from statement: ERROR: relation \"params_fix\" does not exist\n";
     // Without the table both statements fail, are reported, and the run goes on.
     auto r = tool("rv_db_update", {"set_params_fix"});
     EXPECT_EQ(r.status, 0) << r.out << r.err;
@@ -112,7 +112,8 @@ TEST_F(DbTools, SetParamsFixStampsVersionAndDateOrReportsAndGoesOn) {
     const auto at = r.out.find(version + failed);
     ASSERT_NE(at, std::string::npos) << r.out;
     EXPECT_NE(r.out.find("' where kunde='QOR-RAVIK'" + failed, at + version.size()), std::string::npos) << r.out;
-    EXPECT_EQ(rvtest::protocol_texts(prot).at(0), "E018-DATABAS " + version + " with unexpected result: export.");
+    EXPECT_EQ(rvtest::protocol_texts(prot).at(0),
+              "E018-DATABAS " + version + " with unexpected result: ERROR: relation \"params_fix\" does not exist.");
 
     pg_query("ravik_db", "create table params_fix (version text, update_date text, kunde text); insert into "
                          "params_fix values ('1.6.3.20', '200001010000', 'QOR-RAVIK'), ('0', '0', 'other')");

@@ -47,6 +47,11 @@ TEST(SessionHalt, ThrowsTheTextItWrote) {
                                  "failed.\n")) << text;
     EXPECT_GT(text.size(), text.find('\n') + 1) << "no reason after the first line";
     EXPECT_EQ(written, text);
+    // The client library's reason on one line, each run of blanks one blank.
+    const std::string reason = rv::session_failure();
+    EXPECT_NE(reason.find("No such file or directory"), std::string::npos) << reason;
+    EXPECT_EQ(reason.find_first_of("\n\t"), std::string::npos) << reason;
+    EXPECT_EQ(reason.find("  "), std::string::npos) << reason;
 
     static int received = -1;
     std::signal(SIGINT, [](int signo) { received = signo; });
