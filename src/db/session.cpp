@@ -3,13 +3,17 @@
 #include <libpq-fe.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <utility>
 
@@ -35,9 +39,15 @@ constexpr int kCleanupSignals[] = {SIGTERM, SIGHUP, SIGINT, SIGQUIT};
 // How long release_session waits for a cancelled statement's answer.
 constexpr int kCancelWaitMs = 10000;
 
+// The shortest time limit of connecting the client library's clients keep.
+constexpr long kMinConnectTimeout = 2;
+
 // The reason of the last failure of connectdb or doquery, on one line. A
 // fixed buffer: it is written inside the region a jump may leave.
 std::array<char, 512> gFailure{};
+
+// How a wait for the server ended.
+enum class Wait { ready, timed_out, failed };
 
 void clear_result() {
     if (res != nullptr) {
@@ -67,17 +77,9 @@ bool is_error(const PGresult* result) {
     }
 }
 
-// Waits until the connection's socket is ready, with the wait signals let
-// through. This is the only place where a signal handler can interrupt the
-// layer; false when the socket cannot be waited for.
-bool wait_for_server(bool for_write) {
-    pollfd pfd{};
-    pfd.fd = PQsocket(conn);
-    pfd.events = static_cast<short>(for_write ? POLLOUT : POLLIN);
-    if (pfd.fd < 0) {
-        return false;
-    }
-    sigset_t mask;
+// The signal mask while waiting for the server: the current one with the
+// wait signals let through.
+void wait_mask(sigset_t& mask) {
     sigprocmask(SIG_SETMASK, nullptr, &mask);
     if (gWaitSignalsSet) {
         for (int signo = 1; signo < NSIG; ++signo) {
@@ -86,8 +88,44 @@ bool wait_for_server(bool for_write) {
             }
         }
     }
-    const int ready = ppoll(&pfd, 1, nullptr, &mask);
-    return ready > 0 || (ready < 0 && errno == EINTR);
+}
+
+// The time from now until `deadline` (CLOCK_MONOTONIC) in `left`; false when
+// it has passed.
+bool time_left(const timespec& deadline, timespec& left) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    left.tv_sec = deadline.tv_sec - now.tv_sec;
+    left.tv_nsec = deadline.tv_nsec - now.tv_nsec;
+    if (left.tv_nsec < 0) {
+        left.tv_nsec += 1000000000L;
+        --left.tv_sec;
+    }
+    return left.tv_sec > 0 || (left.tv_sec == 0 && left.tv_nsec > 0);
+}
+
+// Waits until the connection's socket is ready, with the wait signals let
+// through, at most until `deadline` when one is given. This is the only
+// place where a signal handler can interrupt the layer; an interrupted wait
+// counts as ready.
+Wait wait_for_server(bool for_write, const timespec* deadline = nullptr) {
+    pollfd pfd{};
+    pfd.fd = PQsocket(conn);
+    pfd.events = static_cast<short>(for_write ? POLLOUT : POLLIN);
+    if (pfd.fd < 0) {
+        return Wait::failed;
+    }
+    timespec left{};
+    if (deadline != nullptr && !time_left(*deadline, left)) {
+        return Wait::timed_out;
+    }
+    sigset_t mask;
+    wait_mask(mask);
+    const int ready = ppoll(&pfd, 1, deadline != nullptr ? &left : nullptr, &mask);
+    if (ready == 0) {
+        return Wait::timed_out;
+    }
+    return ready > 0 || errno == EINTR ? Wait::ready : Wait::failed;
 }
 
 bool is_copy(const PGresult* result) {
@@ -128,7 +166,7 @@ void cancel_running_statement() {
 void collect_results() {
     while (true) {
         while (PQisBusy(conn)) {
-            if (!wait_for_server(false) || !PQconsumeInput(conn)) {
+            if (wait_for_server(false) != Wait::ready || !PQconsumeInput(conn)) {
                 break;
             }
         }
@@ -201,6 +239,65 @@ void note_result_failure(const PGresult* result) {
         }
     }
     end_failure();
+}
+
+// A connect_timeout value as the client library's clients take it: whole
+// seconds, none for an empty value, zero or less, and two at least. -1, with
+// the reason in gFailure, for anything else.
+int timeout_seconds(const char* text) {
+    if (*text == '\0') {
+        return 0;
+    }
+    char* end = nullptr;
+    errno = 0;
+    const long seconds = std::strtol(text, &end, 10);
+    while (end != text && std::isspace(static_cast<unsigned char>(*end)) != 0) {
+        ++end;
+    }
+    if (end == text || *end != '\0' || errno == ERANGE || seconds > INT_MAX || seconds < INT_MIN) {
+        std::snprintf(gFailure.data(), gFailure.size(),
+                      "invalid integer value \"%s\" for connection option \"connect_timeout\"", text);
+        return -1;
+    }
+    return seconds <= 0 ? 0 : static_cast<int>(std::max(seconds, kMinConnectTimeout));
+}
+
+// The time limit of connecting that the connection being made has, from its
+// connection string or else PGCONNECT_TIMEOUT: see timeout_seconds.
+int connect_timeout() {
+    PQconninfoOption* const options = PQconninfo(conn);
+    int seconds = 0;
+    for (const PQconninfoOption* o = options; o != nullptr && o->keyword != nullptr; ++o) {
+        if (std::strcmp(o->keyword, "connect_timeout") == 0 && o->val != nullptr) {
+            seconds = timeout_seconds(o->val);
+        }
+    }
+    PQconninfoFree(options);
+    return seconds;
+}
+
+// Takes the connection being made in `conn` as far as it goes, for at most
+// `timeout` seconds when that is above 0. A time limit that ran out is the
+// reason in gFailure. The limit covers the whole attempt: unlike the
+// library's own blocking connect, a host that does not answer in time is not
+// followed by the next one of a host list (the product names one server).
+void complete_connection(int timeout) {
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += timeout;
+    PostgresPollingStatusType state = PGRES_POLLING_WRITING;
+    while (PQstatus(conn) != CONNECTION_BAD && state != PGRES_POLLING_OK && state != PGRES_POLLING_FAILED) {
+        const Wait wait = wait_for_server(state == PGRES_POLLING_WRITING, timeout > 0 ? &deadline : nullptr);
+        if (wait == Wait::timed_out) {
+            std::snprintf(gFailure.data(), gFailure.size(),
+                          "timeout expired: no answer from the server within %d seconds (connect_timeout)",
+                          timeout);
+        }
+        if (wait != Wait::ready) {
+            return;
+        }
+        state = PQconnectPoll(conn);
+    }
 }
 
 // The text of a report after "PERROR" and the blanks and colons behind it.
@@ -284,18 +381,19 @@ PGconn* connectdb(const char* options) {
     // Connected step by step rather than in one call, so that the
     // connection object is in `conn` whenever a signal can come.
     conn = PQconnectStart(options);
-    PostgresPollingStatusType state = PGRES_POLLING_WRITING;
-    while (conn != nullptr && PQstatus(conn) != CONNECTION_BAD && state != PGRES_POLLING_OK &&
-           state != PGRES_POLLING_FAILED) {
-        if (!wait_for_server(state == PGRES_POLLING_WRITING)) {
-            break;
+    if (conn != nullptr) {
+        if (const int timeout = connect_timeout(); timeout >= 0) {
+            complete_connection(timeout);
         }
-        state = PQconnectPoll(conn);
     }
-    if (PQstatus(conn) != CONNECTION_OK) {
+    if (gFailure[0] != '\0' || PQstatus(conn) != CONNECTION_OK) {
         // The failed connection object stays in `conn` for the jump target.
-        note_failure(PQerrorMessage(conn));
-        halt("Connection to database using '%s' failed.\n%s\n", options, PQerrorMessage(conn));
+        const bool own = gFailure[0] != '\0';
+        if (!own) {
+            note_failure(PQerrorMessage(conn));
+        }
+        halt("Connection to database using '%s' failed.\n%s\n", options,
+             own ? gFailure.data() : PQerrorMessage(conn));
     }
     return conn;
 }

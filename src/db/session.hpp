@@ -31,7 +31,10 @@ namespace rv {
 void let_through_while_waiting(std::initializer_list<int> signals);
 
 // Connects with the connection string `options` and makes the connection the
-// current one. A failed connection halts with
+// current one. Connecting takes at most the connection's connect_timeout (from
+// `options`, else PGCONNECT_TIMEOUT) in whole seconds, two at least; zero,
+// less or none sets no limit. A limit that runs out, one that is no whole
+// number, and any other failed connection halt with
 // "Connection to database using '<options>' failed.\n<reason>\n".
 PGconn* connectdb(const char* options);
 
@@ -44,9 +47,9 @@ PGconn* connectdb(const char* options);
 PGresult* doquery(const char* query);
 
 // The reason of the last failure of connectdb or doquery on one line: the
-// client library's connection message, or the server's message with its
-// detail and hint. Empty while connectdb or doquery has not failed since it
-// was last called.
+// client library's connection message, the time limit that ran out, or the
+// server's message with its detail and hint. Empty while connectdb or
+// doquery has not failed since it was last called.
 const char* session_failure();
 
 // Clears the current result and closes the current connection.

@@ -8,6 +8,7 @@
 
 #include "db/access.hpp"
 #include "support/pgcluster.hpp"
+#include "support/silent_server.hpp"
 
 namespace {
 
@@ -100,6 +101,29 @@ TEST_F(DbTools, SigquitEndsTheStatementNotTheTool) {
     // Not left running on the server either.
     EXPECT_EQ(pg_query("postgres", "select count(*) from pg_stat_activity where query = 'select pg_sleep(5)'"),
               PgRows{{"0"}});
+}
+
+// A server that takes the connection and never answers: connecting ends at
+// PGCONNECT_TIMEOUT, reported as a failed connection, by the export tool and
+// by the statements of set_params_fix (which go on).
+TEST_F(DbTools, SilentServerEndsAtTheConnectTimeout) {
+    const rvtest::SilentServer silent(box.root().string(), rvtest::pg_port());
+    rvtest::Env env = rvtest::kToolEnv;
+    env["PGHOST"] = box.root().string();
+    env["PGCONNECT_TIMEOUT"] = "2";
+    const std::string reason = "timeout expired: no answer from the server within 2 seconds (connect_timeout)";
+    const auto r = rvtest::run({rvtest::bin("rv_db"), "select 1"}, env);
+    EXPECT_EQ(r.status, 2) << r.err;
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "Connection to database using 'dbname=ravik_db' failed.\n" + reason + "\n" + kQuitLine +
+                         "rv_db: the statement failed (reason above): select 1\n");
+
+    const auto set = rvtest::run({rvtest::bin("rv_db_update"), "set_params_fix"}, env);
+    EXPECT_EQ(set.status, 0) << set.err;
+    const std::string failed = "' where kunde='QOR-RAVIK'\n got error from statement: " + reason + "\n";
+    const auto first = set.out.find(failed);
+    ASSERT_NE(first, std::string::npos) << set.out;
+    EXPECT_NE(set.out.find(failed, first + 1), std::string::npos) << set.out;
 }
 
 TEST_F(DbTools, SetParamsFixStampsVersionAndDateOrReportsAndGoesOn) {

@@ -14,6 +14,7 @@
 #include "db/records.hpp"
 #include "db/session.hpp"
 #include "support/product_test.hpp"
+#include "support/silent_server.hpp"
 
 namespace {
 
@@ -58,6 +59,27 @@ TEST(SessionHalt, ThrowsTheTextItWrote) {
     EXPECT_EQ(halted([] { rv::halt("x\n"); }), twice("x\n"));
     EXPECT_EQ(received, 0);
     EXPECT_EQ(std::signal(SIGINT, SIG_DFL), SIG_DFL);
+}
+
+// Against a server that never answers, connecting ends at connect_timeout of
+// the connection string; a value that is no whole number fails at once. The
+// reason is also kept on one line.
+TEST(SessionHalt, ConnectingEndsAtTheConnectTimeout) {
+    const rvtest::Sandbox box;
+    const rvtest::SilentServer silent(box.root().string(), 1);
+    const std::string host = "host=" + box.root().string() + " port=1 dbname=ravik_db connect_timeout=";
+    const std::pair<std::string, std::string> cases[] = {
+        {"2", "timeout expired: no answer from the server within 2 seconds (connect_timeout)"},
+        {"2s", "invalid integer value \"2s\" for connection option \"connect_timeout\""},
+    };
+    for (const auto& [timeout, reason] : cases) {
+        const std::string options = host + timeout;
+        const auto [text, written] = halted([&] { rv::connectdb(options.c_str()); });
+        EXPECT_EQ(rv::session_failure(), reason);
+        rv::release_session();
+        EXPECT_EQ(text, "Connection to database using '" + options + "' failed.\n" + reason + "\n");
+        EXPECT_EQ(written, text);
+    }
 }
 
 TEST(SessionHaltDeathTest, CallsTheFirstInstalledHandler) {
