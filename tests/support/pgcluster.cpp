@@ -31,6 +31,29 @@ int pg_port() {
     return port;
 }
 
+bool pg_cluster(const std::string& command) {
+    pg_port();
+    return run({"/bin/sh", RV_PGCLUSTER_SH, command, std::getenv("RV_TEST_PGCLUSTER")}).status == 0;
+}
+
+bool pg_crash_holding(pid_t held) {
+    pg_port();
+    Background crash({"/bin/sh", RV_PGCLUSTER_SH, "crash", std::getenv("RV_TEST_PGCLUSTER")});
+    const bool told = eventually([held] {
+        // The signals pending for the process, in hexadecimal, bit n - 1 for signal n.
+        std::ifstream status("/proc/" + std::to_string(held) + "/status");
+        unsigned long long pending = 0;
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("ShdPnd:") || line.starts_with("SigPnd:")) {
+                pending |= std::stoull(line.substr(7), nullptr, 16);
+            }
+        }
+        return (pending & (1ULL << (SIGQUIT - 1))) != 0;
+    });
+    kill(held, SIGCONT);
+    return crash.wait().status == 0 && told;
+}
+
 PgRows pg_query(const std::string& db, const std::string& sql) {
     pg_port();
     rv::PgConnPtr conn(PQconnectdb(("dbname=" + db).c_str()));

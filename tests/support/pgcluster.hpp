@@ -19,6 +19,15 @@ namespace rvtest {
 // std::runtime_error when there is no server.
 int pg_port();
 
+// Runs pgcluster.sh `command` ("crash" or "restart") on the server; true
+// when it succeeded.
+bool pg_cluster(const std::string& command);
+
+// Crashes the server (pgcluster.sh crash) while its process `held` is
+// stopped (SIGSTOP): it goes on only once the server has told it to quit,
+// so that it cannot write anything first. True when the crash succeeded.
+bool pg_crash_holding(pid_t held);
+
 // Rows of a query, NULL fields as nullopt.
 using PgRows = std::vector<std::vector<std::optional<std::string>>>;
 // Runs `sql` on database `db`; throws with the server's message on failure.

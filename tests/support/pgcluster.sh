@@ -1,12 +1,14 @@
 #!/bin/sh
-# pgcluster.sh start|stop STATE_FILE: the throwaway PostgreSQL server of the
-# database tests. start stops a cluster left over in STATE_FILE, runs initdb
-# and pg_ctl into a temporary directory, reachable only through a unix socket
-# there, and writes to STATE_FILE the environment that reaches it (PGHOST,
-# PGPORT, PGUSER, RVPG_BIN for its programs), one NAME=value a line; stop
-# stops it and removes both. As root the server runs as user postgres. A
-# watchdog in a session of its own stops the server once its caller (ctest)
-# has ended.
+# pgcluster.sh start|stop|crash|restart STATE_FILE: the throwaway PostgreSQL
+# server of the database tests. start stops a cluster left over in
+# STATE_FILE, runs initdb and pg_ctl into a temporary directory, reachable
+# only through a unix socket there, and writes to STATE_FILE the environment
+# that reaches it (PGHOST, PGPORT, PGUSER, RVPG_BIN for its programs), one
+# NAME=value a line; stop stops it and removes both. crash stops the server
+# at once, as a crash would (what its processes have not written is lost),
+# and restart starts it again, with the same settings, unless it runs. As
+# root the server runs as user postgres. A watchdog in a session of its own
+# stops the server once its caller (ctest) has ended.
 set -u
 cmd=${1:-}
 state=${2:-}
@@ -17,15 +19,32 @@ stop_cluster() {  # ROOT BINDIR
     fi
     rm -rf "$1"
 }
+# WAL that no commit waits for stays in the server's memory as long as it
+# can, so that a crash takes it: a commit that should have waited shows.
+start_server() {  # ROOT BINDIR PORT
+    as_pg "$2/pg_ctl" -D "$1/data" -l "$1/server.log" -w -t 60 -o "-c listen_addresses='' \
+-k $1 -p $3 -c fsync=off -c full_page_writes=off -c synchronous_commit=off \
+-c wal_writer_delay=10s -c wal_writer_flush_after=1GB" start
+}
+setting() { sed -n "s/^$1=//p" "$state"; }
 case "$cmd" in
 watch) while kill -0 "$4" 2>/dev/null; do sleep 1; done; stop_cluster "$2" "$3"; exit 0 ;;
 start | stop) [ -n "$state" ] || cmd= ;;
+crash | restart)
+    [ -f "$state" ] || { echo "pgcluster: no cluster in $state" >&2; exit 1; }
+    root=$(setting PGHOST) bindir=$(setting RVPG_BIN)
+    if as_pg "$bindir/pg_ctl" -D "$root/data" status >/dev/null 2>&1; then
+        [ "$cmd" = restart ] || as_pg "$bindir/pg_ctl" -D "$root/data" -m immediate -w stop
+    else
+        [ "$cmd" = crash ] || start_server "$root" "$bindir" "$(setting PGPORT)" >>"$root/log" 2>&1
+    fi
+    exit ;;
 *) cmd= ;;
 esac
-[ -n "$cmd" ] || { echo "usage: $0 start|stop STATE_FILE" >&2; exit 2; }
+[ -n "$cmd" ] || { echo "usage: $0 start|stop|crash|restart STATE_FILE" >&2; exit 2; }
 if [ -f "$state" ]; then
-    root=$(sed -n 's/^PGHOST=//p' "$state")
-    [ -n "$root" ] && stop_cluster "$root" "$(sed -n 's/^RVPG_BIN=//p' "$state")"
+    root=$(setting PGHOST)
+    [ -n "$root" ] && stop_cluster "$root" "$(setting RVPG_BIN)"
     rm -f "$state"
     echo "pgcluster: stopped the cluster of $state"
 fi
@@ -49,9 +68,7 @@ port=$((20000 + $$ % 20000))
 [ "$(id -u)" != 0 ] || chown postgres: "$root" || fail "handing $root to user postgres"
 as_pg "$bindir/initdb" -D "$root/data" -U postgres -A trust -E UTF8 --locale=C -N \
     >"$root/log" 2>&1 || fail initdb
-as_pg "$bindir/pg_ctl" -D "$root/data" -l "$root/server.log" -w -t 60 -o "-c listen_addresses='' \
--k $root -p $port -c fsync=off -c full_page_writes=off -c synchronous_commit=off" start \
-    >>"$root/log" 2>&1 || fail "pg_ctl start"
+start_server "$root" "$bindir" "$port" >>"$root/log" 2>&1 || fail "pg_ctl start"
 setsid -f sh "$0" watch "$root" "$bindir" "$PPID" </dev/null >/dev/null 2>&1
 printf 'PGHOST=%s\nPGPORT=%s\nPGUSER=postgres\nRVPG_BIN=%s\n' "$root" "$port" "$bindir" >"$state"
 echo "pgcluster: started, socket $root, port $port"
