@@ -4,6 +4,7 @@
 #include "loader/loader.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -18,6 +19,11 @@
 namespace rv {
 
 namespace {
+
+// Commits wait for the disk only at the end of a batch this long after the
+// last one that did; the commits in between do not, so what a crash can take
+// is never acknowledged, and the wait costs little however small the batches.
+constexpr std::chrono::milliseconds kAcknowledgeEvery{200};
 
 class Loader {
   public:
@@ -44,9 +50,11 @@ class Loader {
     // Connects to the default database unless a connection is open.
     void ensure_connection();
 
-    // Batches commit without waiting for the disk; before the loader
-    // reports or leaves a database, one transaction that waits for it makes
-    // everything committed before it durable as well. Throws Stop.
+    // Acknowledges everything run so far. The last segment of a durable
+    // batch waits for the disk, which makes the commits before it durable
+    // as well; where none did since the last acknowledgement (statements
+    // run alone, a batch whose last statement failed), one transaction that
+    // waits for the disk does so. Throws Stop.
     void make_durable();
 
     // A statement that is not a plain INSERT, UPDATE or DELETE runs by
@@ -60,7 +68,7 @@ class Loader {
     Outcome outcome_;
     Session session_;
     Pipeline pipeline_;
-    std::size_t committed_ = 0;  // statements run when the last durable commit was made
+    std::chrono::steady_clock::time_point acknowledged_at_;  // when a batch was made durable
 };
 
 void Loader::run() {
@@ -86,9 +94,15 @@ Unit Loader::run_unit(Unit unit) {
             break;
         case Unit::Kind::Batch: {
             ensure_connection();
-            pipeline_.start(unit.statements);
+            const auto now = std::chrono::steady_clock::now();
+            const bool durable = now - acknowledged_at_ >= kAcknowledgeEvery;
+            pipeline_.start(unit.statements, durable);
             Unit next = units_.next();  // read on while the server works
             pipeline_.finish(unit.statements);
+            if (durable) {
+                make_durable();  // rarely left to do: see make_durable
+                acknowledged_at_ = now;
+            }
             return next;
         }
         case Unit::Kind::End:
@@ -114,11 +128,10 @@ void Loader::ensure_connection() {
 }
 
 void Loader::make_durable() {
-    if (!session_.is_open() || committed_ == outcome_.settled()) {
-        return;
+    if (session_.is_open() && outcome_.awaits_disk()) {
+        session_.make_durable();
     }
-    session_.make_durable();
-    committed_ = outcome_.settled();
+    outcome_.acknowledge();
 }
 
 void Loader::run_alone(const Statement& statement) {

@@ -4,12 +4,23 @@
 namespace rv {
 
 void Outcome::report(const Statement& statement, const std::string& message) {
-    ++failed_;
-    std::fprintf(out_, "Error in line %zu: %s", statement.line, message.c_str());
+    ++pending_failed_;
+    // The line ends at a NUL byte of the statement, as printed text would.
+    pending_lines_.append("Error in line ").append(std::to_string(statement.line)).append(": ");
+    pending_lines_.append(message.c_str());
     if (echo_statement_) {
-        std::fprintf(out_, " | statement: %s", statement.text.c_str());
+        pending_lines_.append(" | statement: ").append(statement.text.c_str());
     }
-    std::fputc('\n', out_);
+    pending_lines_ += '\n';
+}
+
+void Outcome::acknowledge() {
+    succeeded_ += pending_succeeded_;
+    failed_ += pending_failed_;
+    pending_succeeded_ = 0;
+    pending_failed_ = 0;
+    std::fwrite(pending_lines_.data(), 1, pending_lines_.size(), out_);
+    pending_lines_.clear();
 }
 
 void print_summary(std::FILE* out, std::size_t succeeded, std::size_t failed, bool stopped) {

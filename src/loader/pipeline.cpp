@@ -10,6 +10,10 @@ namespace rv {
 
 namespace {
 
+// Sent last in a segment, this makes its commit wait for the disk; the
+// setting ends with the transaction.
+constexpr const char* kWaitForDisk = "SELECT set_config('synchronous_commit', 'on', true)";
+
 bool has_backslash(const std::vector<std::optional<std::string>>& values) {
     return std::any_of(values.begin(), values.end(), [](const std::optional<std::string>& v) {
         return v && v->find('\\') != std::string::npos;
@@ -18,8 +22,9 @@ bool has_backslash(const std::vector<std::optional<std::string>>& values) {
 
 }  // namespace
 
-void Pipeline::start(const std::vector<Statement>& batch) {
+void Pipeline::start(const std::vector<Statement>& batch, bool durable) {
     single_rows_.clear();
+    durable_ = durable;
     send_segment(batch, 0, std::min(batch.size(), window_), false);
 }
 
@@ -83,7 +88,7 @@ int Pipeline::send_prepared(const std::vector<Statement>& batch, std::size_t fir
 void Pipeline::send_segment(const std::vector<Statement>& batch, std::size_t lo, std::size_t hi,
                             bool literal) {
     ++segment_;
-    Segment segment{lo, hi, {}};
+    Segment segment{lo, hi, {}, durable_ && hi == batch.size()};
     PGconn* conn = session_.get();
     for (std::size_t i = lo; i < hi;) {
         const Statement& statement = batch[i];
@@ -104,6 +109,12 @@ void Pipeline::send_segment(const std::vector<Statement>& batch, std::size_t lo,
         segment.sent.push_back({i, rows, -1});
         i += rows;
     }
+    if (segment.durable) {
+        if (PQsendQueryParams(conn, kWaitForDisk, 0, nullptr, nullptr, nullptr, nullptr, 0) == 0) {
+            session_.lost();
+        }
+        segment.sent.push_back({hi, 0, -1});
+    }
     if (PQpipelineSync(conn) == 0) {
         session_.lost();
     }
@@ -122,6 +133,10 @@ void Pipeline::collect_one(const Sent& item, std::optional<Failure>& failure) {
         status == PGRES_BAD_RESPONSE) {
         if (PQstatus(conn) == CONNECTION_BAD) {
             session_.lost();
+        }
+        if (item.rows == 0) {
+            throw Stop("cannot make the loaded rows durable in database " + session_.database() +
+                       ": " + error_text(result.get()));
         }
         if (!failure) {
             failure = Failure{item.index, item.rows, error_text(result.get())};
@@ -145,6 +160,12 @@ std::optional<Pipeline::Failure> Pipeline::collect_segment() {
     if (!sync || PQresultStatus(sync.get()) != PGRES_PIPELINE_SYNC) {
         session_.lost();
     }
+    if (!failure) {
+        outcome_.add_succeeded(segment.hi - segment.lo);
+        if (segment.durable) {
+            outcome_.acknowledge();
+        }
+    }
     return failure;
 }
 
@@ -156,7 +177,6 @@ void Pipeline::run_range(const std::vector<Statement>& batch, std::size_t lo, st
         const std::size_t end = in_flight_.front().hi;
         const std::optional<Failure> failure = collect_segment();
         if (!failure) {
-            outcome_.add_succeeded(end - lo);
             window_ = std::min(batch_, window_ + std::max<std::size_t>(1, window_ / 4));
             lo = end;
             continue;
@@ -192,8 +212,6 @@ std::size_t Pipeline::isolate(const std::vector<Statement>& batch, std::size_t l
     }
     if (const std::optional<Failure> alone = collect_segment()) {
         outcome_.report(batch[k], alone->message);
-    } else {
-        outcome_.add_succeeded(1);
     }
     return k + 1;
 }

@@ -3,7 +3,10 @@
 // rows of one INSERT shape in one statement. A failure rolls back its
 // segment; the statements before it are committed again and the failing
 // one runs alone, so that each statement that succeeds on its own is
-// committed exactly once, in file order.
+// committed exactly once, in file order. Segments commit without waiting
+// for the disk, except the one that ends a durable batch: its commit waits,
+// which makes everything committed before it durable as well, and only then
+// is the outcome told to acknowledge.
 #pragma once
 
 #include <cstddef>
@@ -30,8 +33,9 @@ class Pipeline {
         : session_(session), shapes_(shapes), outcome_(outcome), batch_(batch), window_(batch) {}
 
     // Sends the first segment of `batch`, so that the server can work while
-    // the next unit is read. Throws Stop when the connection is lost.
-    void start(const std::vector<Statement>& batch);
+    // the next unit is read; when `durable`, the commit of its last segment
+    // waits for the disk. Throws Stop when the connection is lost.
+    void start(const std::vector<Statement>& batch, bool durable);
 
     // Runs `batch` (after start) to its end; throws Stop when the connection
     // is lost or the server answers out of order.
@@ -46,11 +50,13 @@ class Pipeline {
         int parse;
     };
 
-    // Statements [lo, hi) of a batch sent as one transaction, and its messages.
+    // Statements [lo, hi) of a batch sent as one transaction, and its
+    // messages; a `durable` one waits for the disk when it commits.
     struct Segment {
         std::size_t lo;
         std::size_t hi;
         std::vector<Sent> sent;
+        bool durable;
     };
 
     // The first failing message of a segment: the statements it carried.
@@ -80,7 +86,8 @@ class Pipeline {
     int send_prepared(const std::vector<Statement>& batch, std::size_t first, std::size_t rows,
                       int index, std::vector<Sent>& sent);
 
-    // Sends statements [lo, hi) of `batch` and a sync: one transaction.
+    // Sends statements [lo, hi) of `batch` and a sync: one transaction,
+    // durable when it ends a durable batch.
     // Runs of rows of one shape go several in one INSERT. A `literal`
     // segment sends the text of the script as it stands and prepares
     // nothing, so that the next segment may follow it at once. Throws Stop
@@ -95,7 +102,9 @@ class Pipeline {
 
     // Reads the answers to the oldest segment on its way; the first
     // failure, if any (the server skips everything after it up to the sync).
-    // Throws Stop when the connection is lost.
+    // A segment that committed counts its statements as succeeded, and
+    // acknowledges all so far when it was durable. Throws Stop when the
+    // connection is lost.
     std::optional<Failure> collect_segment();
 
     // Runs statements [lo, hi) of `batch` so that each one that succeeds on
@@ -115,6 +124,7 @@ class Pipeline {
     std::size_t batch_;
     std::size_t window_;  // statements per segment: halves after a failure, grows back slowly
     std::size_t segment_ = 0;
+    bool durable_ = false;  // the current batch's
     std::deque<Segment> in_flight_;
     std::vector<std::pair<std::size_t, std::size_t>> single_rows_;  // of the current batch
     std::vector<const char*> params_;

@@ -69,7 +69,8 @@ void Session::open(const std::string& database) {
 
 void Session::make_durable() {
     PGconn* conn = conn_.get();
-    if (PQexitPipelineMode(conn) != 1 || !command(conn, "RESET synchronous_commit") ||
+    // "on" rather than the server's default, which may be off as well.
+    if (PQexitPipelineMode(conn) != 1 || !command(conn, "SET synchronous_commit = on") ||
         !command(conn, "SELECT txid_current()") ||
         !command(conn, "SET synchronous_commit = off") || PQenterPipelineMode(conn) != 1) {
         if (PQstatus(conn) == CONNECTION_BAD) {

@@ -51,8 +51,9 @@ class Session {
     // throws Stop when that fails.
     void open(const std::string& database);
 
-    // One transaction that waits for the disk, so that everything committed
-    // before it is durable as well; throws Stop when that fails.
+    // One transaction that waits for the disk (whatever the server's
+    // default), so that everything committed before it is durable as well;
+    // throws Stop when that fails.
     void make_durable();
 
     // Runs `sql` (several statements allowed, no NUL byte) by itself through
