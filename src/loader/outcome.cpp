@@ -19,8 +19,11 @@ void Outcome::acknowledge() {
     failed_ += pending_failed_;
     pending_succeeded_ = 0;
     pending_failed_ = 0;
-    std::fwrite(pending_lines_.data(), 1, pending_lines_.size(), out_);
-    pending_lines_.clear();
+    if (!pending_lines_.empty()) {
+        std::fwrite(pending_lines_.data(), 1, pending_lines_.size(), out_);
+        std::fflush(out_);  // the caller reads them as they come
+        pending_lines_.clear();
+    }
 }
 
 void print_summary(std::FILE* out, std::size_t succeeded, std::size_t failed, bool stopped) {

@@ -15,6 +15,13 @@ namespace rv {
 
 namespace {
 
+// A transaction that must wait for the disk has to write to the log itself:
+// one that writes nothing (txid_current() alone) commits without waiting,
+// and the commits before it would stay unwritten. A transactional message in
+// the log is the smallest such write, open to every user, and invisible to
+// the tables.
+constexpr const char* kWalWritingStatement = "SELECT pg_logical_emit_message(true, 'oaisql', 'durable')";
+
 // Notices and warnings are not failures and must not look like them.
 void ignore_notice(void* /*arg*/, const char* /*message*/) {}
 
@@ -71,7 +78,7 @@ void Session::make_durable() {
     PGconn* conn = conn_.get();
     // "on" rather than the server's default, which may be off as well.
     if (PQexitPipelineMode(conn) != 1 || !command(conn, "SET synchronous_commit = on") ||
-        !command(conn, "SELECT txid_current()") ||
+        !command(conn, kWalWritingStatement) ||
         !command(conn, "SET synchronous_commit = off") || PQenterPipelineMode(conn) != 1) {
         if (PQstatus(conn) == CONNECTION_BAD) {
             lost();

@@ -31,6 +31,8 @@ class Background {
     Background(const Background&) = delete;
     Background& operator=(const Background&) = delete;
     pid_t pid() const { return pid_; }
+    // The file its standard output goes to, to watch while it runs.
+    const std::string& output_file() const { return files_[1]; }
     RunResult wait();
 
   private:
