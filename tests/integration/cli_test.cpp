@@ -1,8 +1,8 @@
 // rv_db_update as a program on a sandbox installation: exit statuses of the
 // real binary, its trace file and -v echo, db_backup and db_restore with the
 // real archiver, the operator's answer on standard input, the child of a
-// step that must not outlive a killed tool, and one run of an installation
-// at a time.
+// step that must not outlive a stopped or killed tool, and one run of an
+// installation at a time.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -18,21 +18,47 @@ namespace {
 
 namespace fs = std::filesystem;
 const std::string kTool = rvtest::bin("rv_db_update");
+bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 class Tool : public ::testing::Test {
   protected:
     void SetUp() override { box.make_installation(); }
-    const rvtest::Env env = {{"OS", ""}, {"OSTYPE", "linux-gnu"}, {"LD_LIBRARY_PATH", ""}};
     rvtest::RunResult tool(std::vector<std::string> args, const std::string& input = "") {
         args.insert(args.begin(), kTool);
         return rvtest::run(args, env, input);
     }
-    bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+    // The update's first step writes its pid and process group to `started`
+    // and waits for the file `go`; the second touches `after`.
+    void waiting_update() {
+        rvtest::write_file(wait_sh, "read -r pid _ _ _ group _ < /proc/$$/stat\necho $pid $group > " + started +
+                                        ".new && mv " + started + ".new " + started + "\nwhile [ ! -f " + go +
+                                        " ]; do sleep 0.05; done\n");
+        rvtest::write_file(ro + "skel/rv_db_update.ini", "[Update 1.6.4.]\nlast_step_nr=2\nstep_1=cmd sh " + wait_sh +
+                                                             "\nstep_2=cmd touch " + box.path("after") + "\n");
+    }
+    // The waiting step's pid and process group, once it runs.
+    std::pair<pid_t, pid_t> waiting_step() {
+        if (!rvtest::eventually([&] { return fs::exists(started); })) throw std::runtime_error("no step started");
+        std::istringstream ids(rvtest::read_file(started));
+        pid_t pid = 0, group = 0;
+        ids >> pid >> group;
+        fs::remove(started);
+        EXPECT_FALSE(rvtest::process_gone(pid));
+        return {pid, group};
+    }
+    void expect_gone(std::pair<pid_t, pid_t> step) {
+        for (const pid_t pid : {step.first, step.second}) {
+            EXPECT_TRUE(rvtest::eventually([&] { return rvtest::process_gone(pid); })) << pid << " outlived the tool";
+            if (!rvtest::process_gone(pid)) kill(pid, SIGKILL);
+        }
+    }
 
+    const rvtest::Env env = {{"OS", ""}, {"OSTYPE", "linux-gnu"}, {"LD_LIBRARY_PATH", ""}};
+    const std::vector<std::string> update = {kTool, "update", "1.6.3.20", "1.6.4.71"};
     rvtest::Sandbox box;
-    std::string ro = box.dir("gv_ro");
-    std::string schema = box.dir("gv_rw_db") + "schema/ravik/";
-    std::string trace = box.dir("gv_rw_lgc") + "rv_db_update.lgc";
+    std::string ro = box.dir("gv_ro"), schema = box.dir("gv_rw_db") + "schema/ravik/";
+    std::string trace = box.dir("gv_rw_lgc") + "rv_db_update.lgc", wait_sh = box.path("wait.sh");
+    std::string started = box.path("started"), go = box.path("go");
 };
 
 TEST_F(Tool, UsageTraceFileAndVerboseEcho) {
@@ -44,9 +70,9 @@ TEST_F(Tool, UsageTraceFileAndVerboseEcho) {
     EXPECT_EQ(r.status, 0);
     EXPECT_FALSE(has(r.err, "DbUpdate")) << "no echo without -v or STDERR=1";
     EXPECT_FALSE(has(r.out, "version file")) << "versions given, none detected";
-    EXPECT_TRUE(has(rvtest::read_file(trace), "Logging enabled for module RV_DB_UPDATE: Loglevel 2, PID="));
-    EXPECT_TRUE(has(rvtest::read_file(trace),
-                    "# rv_db_update 1.0.0 called with: " + kTool + " update 1.6.3.20 1.6.4.71 \n"));
+    const std::string log = rvtest::read_file(trace);
+    EXPECT_TRUE(has(log, "Logging enabled for module RV_DB_UPDATE: Loglevel 2, PID=") &&
+                has(log, "# rv_db_update 1.0.0 called with: " + kTool + " update 1.6.3.20 1.6.4.71 \n")) << log;
 
     // -v overrides the level and echoes the trace to standard error.
     box.write_debug_ini("RV_DB_UPDATE=0\n");
@@ -54,18 +80,16 @@ TEST_F(Tool, UsageTraceFileAndVerboseEcho) {
     r = tool({"db_backup", "-v", "1"});
     EXPECT_EQ(r.status, 2);
     EXPECT_TRUE(r.out.starts_with("-v set to 1\n")) << r.out;
-    EXPECT_TRUE(has(r.err, "+++ FINISH  2  rv_db_update breaks because there is no version file: ")) << r.err;
-    EXPECT_TRUE(has(r.err, "--- FINISH ERROR: rv_db_update breaks ")) << r.err;
+    EXPECT_TRUE(has(r.err, "+++ FINISH  2  rv_db_update breaks because there is no version file: ") &&
+                has(r.err, "--- FINISH ERROR: rv_db_update breaks ")) << r.err;
     EXPECT_TRUE(has(rvtest::read_file(trace), "+++ FINISH"));
 }
 
 TEST_F(Tool, BackupCreatesTheArchiveOnceAndRestoreBringsFilesBack) {
-    const std::string tar = ro + "downgrade/ravik_db.tar";
-    const std::string report = box.checkenv_report("1.6.4.71", "1.6.3.20");
+    const std::string tar = ro + "downgrade/ravik_db.tar", report = box.checkenv_report("1.6.4.71", "1.6.3.20");
     auto r = tool({"db_backup"});
     EXPECT_EQ(r.status, 0) << r.out << r.err;
-    EXPECT_TRUE(r.out.starts_with(report + "cd " + schema + "; [ -f " + tar + " ] || tar -cvf " + tar + " ."))
-        << r.out;
+    EXPECT_TRUE(r.out.starts_with(report + "cd " + schema + "; [ -f " + tar + " ] || tar -cvf " + tar + " .")) << r.out;
     EXPECT_FALSE(has(r.out, "STATUS="));
     ASSERT_TRUE(fs::exists(tar));
     const auto size = fs::file_size(tar);
@@ -82,8 +106,7 @@ TEST_F(Tool, BackupCreatesTheArchiveOnceAndRestoreBringsFilesBack) {
     r = tool({"db_restore"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(r.out.starts_with(report + "cd " + schema + " ; tar -xvf " + tar + " .")) << r.out;
-    EXPECT_EQ(rvtest::read_file(schema + "base.dat"), "base\n");
-    EXPECT_EQ(rvtest::read_file(schema + "sub/media.dat"), "media\n");
+    EXPECT_EQ(rvtest::read_file(schema + "base.dat") + rvtest::read_file(schema + "sub/media.dat"), "base\nmedia\n");
 }
 
 TEST_F(Tool, OperatorIsAskedForAnUnreadableOldVersion) {
@@ -98,101 +121,54 @@ TEST_F(Tool, OperatorIsAskedForAnUnreadableOldVersion) {
     }
 }
 
-// A step's child that waits for ever: `pidfile` names it once it runs.
-class Stopping : public Tool {
-  protected:
-    void SetUp() override {
-        Tool::SetUp();
-        rvtest::write_file(box.path("child.sh"),
-                           "echo $$ > " + pidfile + ".new && mv " + pidfile + ".new " + pidfile + "\nexec sleep 600\n");
-        rvtest::write_file(ro + "skel/rv_db_update.ini", "[Update 1.6.4.]\nlast_step_nr=2\nstep_1=cmd sh " +
-                                                             box.path("child.sh") + "\nstep_2=cmd touch " + box.path("after") + "\n");
-    }
-    // The child of `tool`'s first step, once it runs.
-    pid_t child_of(const rvtest::Background&) {
-        EXPECT_TRUE(rvtest::eventually([&] { return fs::exists(pidfile); })) << "the step's child never started";
-        const pid_t child = std::stoi(rvtest::read_file(pidfile));
-        EXPECT_FALSE(rvtest::process_gone(child));
-        fs::remove(pidfile);
-        return child;
-    }
-    void expect_gone(pid_t child) {
-        EXPECT_TRUE(rvtest::eventually([&] { return rvtest::process_gone(child); })) << child << " outlived the tool";
-        if (!rvtest::process_gone(child)) {
-            kill(child, SIGKILL);
-        }
-    }
-    std::string pidfile = box.path("child.pid");
-};
-
-TEST_F(Stopping, AChildDoesNotOutliveTheTool) {
-    rvtest::Background tool({kTool, "update", "1.6.3.20", "1.6.4.71"});
-    const pid_t child = child_of(tool);
-    kill(tool.pid(), SIGKILL);
-    EXPECT_EQ(tool.wait().status, 128 + SIGKILL);
-    expect_gone(child);
-}
-
-TEST_F(Stopping, ToldToStopTheRunStopsItsChildAndEndsWithTheStatusLine) {
+// Killed, it takes its step along too: the killed run below.
+TEST_F(Tool, ToldToStopTheRunStopsItsChildAndEndsWithTheStatusLine) {
+    waiting_update();
     for (const auto& [signo, name] : {std::pair{SIGTERM, "SIGTERM"}, {SIGINT, "SIGINT"}, {SIGHUP, "SIGHUP"}}) {
-        rvtest::Background tool({kTool, "update", "1.6.3.20", "1.6.4.71"});
-        const pid_t child = child_of(tool);
-        kill(tool.pid(), signo);
-        const auto r = tool.wait();
+        rvtest::Background run(update, env);
+        const auto step = waiting_step();
+        kill(run.pid(), signo);
+        const auto r = run.wait();
         EXPECT_EQ(r.status, 2) << name;
-        EXPECT_TRUE(r.out.ends_with("STATUS=ERROR MSG=step 1 (cmd sh " + box.path("child.sh") + ") failed: stopped by " +
-                                    name + " while running  sh " + box.path("child.sh") + "; later steps not run\n"))
-            << r.out;
-        expect_gone(child);
+        EXPECT_TRUE(r.out.ends_with("STATUS=ERROR MSG=step 1 (cmd sh " + wait_sh + ") failed: stopped by " + name +
+                                    " while running  sh " + wait_sh + "; later steps not run\n")) << r.out;
+        expect_gone(step);
         EXPECT_FALSE(fs::exists(box.path("after"))) << "a step ran after " << name;
     }
 }
 
 TEST_F(Tool, OneRunOfAnInstallationAtATimeAndLeftoversOfAKilledOneGo) {
-    // The update's one step tells its pid and process group, then waits for
-    // the file go.
-    const std::string started = box.path("started"), go = box.path("go");
-    const std::string work = box.dir("gv_rw_work"), lock = work + "rv_db_update.lock";
-    rvtest::write_file(box.path("wait.sh"), "read -r pid _ _ _ group _ < /proc/$$/stat\necho $pid $group > " +
-                                                started + ".new && mv " + started + ".new " + started +
-                                                "\nwhile [ ! -f " + go + " ]; do sleep 0.05; done\n");
-    rvtest::write_file(ro + "skel/rv_db_update.ini",
-                       "[Update 1.6.4.]\nlast_step_nr=1\nstep_1=cmd sh " + box.path("wait.sh") + "\n");
-    const std::vector<std::string> update = {kTool, "update", "1.6.3.20", "1.6.4.71"};
-
+    const std::string work = box.dir("gv_rw_work");
+    waiting_update();
     rvtest::Background first(update, env);
-    ASSERT_TRUE(rvtest::eventually([&] { return fs::exists(started); })) << "the first run's step never started";
-    const std::string refusal = "STATUS=ERROR MSG=rv_db_update is already running for this installation: process " +
-                                std::to_string(first.pid()) + ", started ";
+    waiting_step();
+    const std::regex time("started [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8} ");
     for (const char* command : {"update", "db_backup"}) {
         const auto r = tool({command});
         EXPECT_EQ(r.status, 2) << command;
-        const auto at = r.out.find(refusal);
+        const auto at = r.out.find("STATUS=");
         ASSERT_NE(at, std::string::npos) << r.out;
         EXPECT_FALSE(has(r.out, "[Check enviroment]")) << "refused only after the check: " << r.out;
-        const std::string rest = r.out.substr(at + refusal.size());
-        EXPECT_TRUE(std::regex_match(rest.substr(0, 19), std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}"))) << rest;
-        EXPECT_EQ(rest.substr(19), " (" + kTool + " update 1.6.3.20 1.6.4.71); lock file " + lock + "\n");
+        EXPECT_EQ(std::regex_replace(r.out.substr(at), time, "started <time> "),
+                  "STATUS=ERROR MSG=rv_db_update is already running for this installation: process " +
+                      std::to_string(first.pid()) + ", started <time> (" + kTool +
+                      " update 1.6.3.20 1.6.4.71); lock file " + work + "rv_db_update.lock\n");
     }
     ASSERT_FALSE(rvtest::process_gone(first.pid())) << "the refused runs ended the first";
     rvtest::write_file(go, "");
     EXPECT_EQ(first.wait().status, 0);
     EXPECT_EQ(tool({"db_backup"}).status, 0) << "the lock outlived its run";
 
-    // A run killed while its step runs: once it and its step's group are
-    // gone, the next run goes and removes the temporary file it left.
+    // A run killed while its step runs takes the step's group along; the
+    // next run goes and removes the temporary file it left.
     fs::remove(go);
-    fs::remove(started);
     rvtest::Background killed(update, env);
-    ASSERT_TRUE(rvtest::eventually([&] { return fs::exists(started); }));
-    std::istringstream ids(rvtest::read_file(started));
-    pid_t child = 0, group = 0;
-    ids >> child >> group;
+    const auto step = waiting_step();
     const std::string leftover = work + "db_media.tmp.new." + std::to_string(killed.pid());
     rvtest::write_file(leftover, "half an image");
     kill(killed.pid(), SIGKILL);
     EXPECT_EQ(killed.wait().status, 128 + SIGKILL);
-    ASSERT_TRUE(rvtest::eventually([&] { return rvtest::process_gone(child) && rvtest::process_gone(group); }));
+    expect_gone(step);
     rvtest::write_file(go, "");
     const auto r = tool({"update", "1.6.3.20", "1.6.4.71"});
     EXPECT_EQ(r.status, 0) << r.out;
