@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -19,12 +18,12 @@
 namespace {
 
 namespace fs = std::filesystem;
+using Outcome = rv::FileLock::Outcome;
 
-// `sleep 600` in the background, once it runs the program (no longer a copy
-// of the test).
-pid_t start_sleep(rvtest::Background& sleeper) {
-    EXPECT_TRUE(rvtest::eventually(
-        [&] { return rvtest::read_file("/proc/" + std::to_string(sleeper.pid()) + "/comm") == "sleep\n"; }));
+// The pid of `sleeper` (`sleep 600`) once it runs the program, no longer a copy of the test.
+pid_t sleeping(const rvtest::Background& sleeper) {
+    const std::string comm = "/proc/" + std::to_string(sleeper.pid()) + "/comm";
+    EXPECT_TRUE(rvtest::eventually([&] { return rvtest::read_file(comm) == "sleep\n"; }));
     return sleeper.pid();
 }
 
@@ -32,8 +31,8 @@ TEST(FileLock, OthersAreToldWhoHoldsItUntilTheHolderAndItsForksEnd) {
     rvtest::Sandbox box;
     const std::string path = box.path("run.lock");
     rv::FileLock first, second;
-    ASSERT_EQ(first.acquire(path), rv::FileLock::Outcome::locked);
-    ASSERT_EQ(second.acquire(path), rv::FileLock::Outcome::busy);
+    ASSERT_EQ(first.acquire(path), Outcome::locked);
+    ASSERT_EQ(second.acquire(path), Outcome::busy);
     EXPECT_FALSE(second.held());
     EXPECT_EQ(second.holder().pid, std::to_string(getpid()));
     EXPECT_TRUE(std::regex_match(second.holder().started, std::regex("20[0-9]{2}-[01][0-9]-[0-3][0-9] [0-9:]{8}")))
@@ -42,52 +41,42 @@ TEST(FileLock, OthersAreToldWhoHoldsItUntilTheHolderAndItsForksEnd) {
 
     // A fork that does not exec shares the lock until it ends; a program the
     // holder executes does not keep it.
-    int gate[2];
-    ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
     const pid_t fork_pid = fork();
     if (fork_pid == 0) {
-        char c;
-        close(gate[1]);
-        _exit(read(gate[0], &c, 1) < 0 ? 1 : 0);
+        pause();
+        _exit(0);
     }
-    close(gate[0]);
     rvtest::Background sleeper({"/bin/sleep", "600"});
-    start_sleep(sleeper);
+    sleeping(sleeper);
     first.release();
-    EXPECT_EQ(second.acquire(path), rv::FileLock::Outcome::busy) << "the fork let the lock go";
-    close(gate[1]);
+    EXPECT_EQ(second.acquire(path), Outcome::busy) << "the fork let the lock go";
+    kill(fork_pid, SIGKILL);
     waitpid(fork_pid, nullptr, 0);
-    EXPECT_EQ(second.acquire(path), rv::FileLock::Outcome::locked) << "the sleeping program keeps the lock";
+    EXPECT_EQ(second.acquire(path), Outcome::locked) << "the sleeping program keeps the lock";
 
-    EXPECT_EQ(first.acquire(box.path("no/such/dir/run.lock")), rv::FileLock::Outcome::failed);
+    EXPECT_EQ(first.acquire(box.path("no/such/dir/run.lock")), Outcome::failed);
     EXPECT_EQ(first.error(), ENOENT);
 }
 
 TEST(AbandonedTemporaries, OnlyThoseOfProcessesOfThisProgramStay) {
     rvtest::Sandbox box;
-    const pid_t ended = fork();
-    if (ended == 0) {
-        _exit(0);
-    }
-    waitpid(ended, nullptr, 0);
-    rvtest::Background sleeper({"/bin/sleep", "600"});
-    const std::string dir = box.path("work/");
-    const std::string gone = dir + "db_media.tmp.new." + std::to_string(ended);
-    const std::string other = dir + "db_jobs.tmp.new." + std::to_string(start_sleep(sleeper));
-    const std::set<std::string> kept = {dir + "db_drives.tmp.new." + std::to_string(getpid()),
-                                        dir + "notes.new.12a" + std::to_string(ended), dir + "db_media.tmp"};
+    rvtest::Background done({"/bin/true"}), sleeper({"/bin/sleep", "600"});
+    const std::string dir = box.path("work/"), ended = std::to_string(done.pid());
+    done.wait();
+    const std::string gone = dir + "db_media.tmp.new." + ended;
+    const std::string other = dir + "db_jobs.tmp.new." + std::to_string(sleeping(sleeper));
+    std::set<std::string> kept = {dir + "db_drives.tmp.new." + std::to_string(getpid()), dir + "notes.new.12a" + ended,
+                                  dir + "db_media.tmp"};
     for (const auto& file : kept) rvtest::write_file(file, "x");
-    rvtest::write_file(gone, "x");
-    rvtest::write_file(other, "x");
-    fs::create_directory(dir + "old.new." + std::to_string(ended));
+    for (const auto& file : {gone, other}) rvtest::write_file(file, "x");
+    kept.insert(dir + "old.new." + ended);
+    fs::create_directory(dir + "old.new." + ended);
 
     const auto removed = rv::remove_abandoned_temporaries(dir);
     EXPECT_EQ(std::set<std::string>(removed.begin(), removed.end()), (std::set<std::string>{gone, other}));
     std::set<std::string> left;
     for (const auto& e : fs::directory_iterator(dir)) left.insert(e.path().string());
-    auto expected = kept;
-    expected.insert(dir + "old.new." + std::to_string(ended));
-    EXPECT_EQ(left, expected);
+    EXPECT_EQ(left, kept);
     EXPECT_TRUE(rv::remove_abandoned_temporaries(box.path("missing/")).empty());
 }
 
