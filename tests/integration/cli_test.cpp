@@ -1,8 +1,6 @@
-// rv_db_update as a program on a sandbox installation: exit statuses of the
-// real binary, its trace file and -v echo, db_backup and db_restore with the
-// real archiver, the operator's answer on standard input, the child of a
-// step that must not outlive a stopped or killed tool, and one run of an
-// installation at a time.
+// rv_db_update as a program on a sandbox installation: exit statuses of the real binary, its trace file and -v
+// echo, db_backup and db_restore with the real archiver, the operator's answer on standard input, the child of
+// a step that must not outlive a stopped or killed tool, and one run of an installation at a time.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -27,8 +25,8 @@ class Tool : public ::testing::Test {
         args.insert(args.begin(), kTool);
         return rvtest::run(args, env, input);
     }
-    // The update's first step writes its pid and process group to `started`
-    // and waits for the file `go`; the second touches `after`.
+    // The update's first step writes its pid and process group to `started` and waits for the file `go`;
+    // the second touches `after`.
     void waiting_update() {
         rvtest::write_file(wait_sh, "read -r pid _ _ _ group _ < /proc/$$/stat\necho $pid $group > " + started +
                                         ".new && mv " + started + ".new " + started + "\nwhile [ ! -f " + go +
@@ -39,9 +37,8 @@ class Tool : public ::testing::Test {
     // The waiting step's pid and process group, once it runs.
     std::pair<pid_t, pid_t> waiting_step() {
         if (!rvtest::eventually([&] { return fs::exists(started); })) throw std::runtime_error("no step started");
-        std::istringstream ids(rvtest::read_file(started));
         pid_t pid = 0, group = 0;
-        ids >> pid >> group;
+        std::istringstream(rvtest::read_file(started)) >> pid >> group;
         fs::remove(started);
         EXPECT_FALSE(rvtest::process_gone(pid));
         return {pid, group};
@@ -85,12 +82,11 @@ TEST_F(Tool, UsageTraceFileAndVerboseEcho) {
     EXPECT_TRUE(has(rvtest::read_file(trace), "+++ FINISH"));
 }
 
+// Their console is the one of the in-process runs (RvDbUpdate.WordsSelectCommandsAndDowngradePaths).
 TEST_F(Tool, BackupCreatesTheArchiveOnceAndRestoreBringsFilesBack) {
-    const std::string tar = ro + "downgrade/ravik_db.tar", report = box.checkenv_report("1.6.4.71", "1.6.3.20");
+    const std::string tar = ro + "downgrade/ravik_db.tar";
     auto r = tool({"db_backup"});
-    EXPECT_EQ(r.status, 0) << r.out << r.err;
-    EXPECT_TRUE(r.out.starts_with(report + "cd " + schema + "; [ -f " + tar + " ] || tar -cvf " + tar + " .")) << r.out;
-    EXPECT_FALSE(has(r.out, "STATUS="));
+    EXPECT_TRUE(r.status == 0 && !has(r.out, "STATUS=")) << r.status << r.out << r.err;
     ASSERT_TRUE(fs::exists(tar));
     const auto size = fs::file_size(tar);
     const auto stamp = fs::last_write_time(tar);
@@ -98,14 +94,12 @@ TEST_F(Tool, BackupCreatesTheArchiveOnceAndRestoreBringsFilesBack) {
     // A second backup never overwrites the archive.
     rvtest::write_file(schema + "later.dat", "later\n");
     EXPECT_EQ(tool({"db"}).status, 0);
-    EXPECT_EQ(fs::file_size(tar), size);
-    EXPECT_EQ(fs::last_write_time(tar), stamp);
+    EXPECT_TRUE(fs::file_size(tar) == size && fs::last_write_time(tar) == stamp) << "the archive was overwritten";
 
     fs::remove(schema + "base.dat");
     fs::remove_all(schema + "sub");
     r = tool({"db_restore"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(r.out.starts_with(report + "cd " + schema + " ; tar -xvf " + tar + " .")) << r.out;
+    EXPECT_TRUE(r.status == 0 && !has(r.out, "STATUS=")) << r.status << r.out << r.err;
     EXPECT_EQ(rvtest::read_file(schema + "base.dat") + rvtest::read_file(schema + "sub/media.dat"), "base\nmedia\n");
 }
 
@@ -159,8 +153,7 @@ TEST_F(Tool, OneRunOfAnInstallationAtATimeAndLeftoversOfAKilledOneGo) {
     EXPECT_EQ(first.wait().status, 0);
     EXPECT_EQ(tool({"db_backup"}).status, 0) << "the lock outlived its run";
 
-    // A run killed while its step runs takes the step's group along; the
-    // next run goes and removes the temporary file it left.
+    // A run killed while its step runs takes the step's group along; the next run removes the file it left.
     fs::remove(go);
     rvtest::Background killed(update, env);
     const auto step = waiting_step();
