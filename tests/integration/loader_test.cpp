@@ -224,7 +224,7 @@ TEST_F(DbLoader, EverythingAcknowledgedBeforeACrashIsThereAfterIt) {
     ASSERT_EQ(kill(writer, SIGSTOP), 0);
     rvtest::Background loader({rvtest::bin("oaisql"), "-c", file});
     ASSERT_TRUE(rvtest::eventually([] { return std::stoi(value("select count(*) from ev")) >= 30000; }));
-    ASSERT_TRUE(rvtest::pg_crash_holding(writer));
+    ASSERT_TRUE(rvtest::pg_cluster("crash", writer));
     const auto r = loader.wait();
     ASSERT_TRUE(rvtest::pg_cluster("restart"));
 

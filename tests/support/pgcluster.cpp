@@ -31,15 +31,10 @@ int pg_port() {
     return port;
 }
 
-bool pg_cluster(const std::string& command) {
+bool pg_cluster(const std::string& command, pid_t held) {
     pg_port();
-    return run({"/bin/sh", RV_PGCLUSTER_SH, command, std::getenv("RV_TEST_PGCLUSTER")}).status == 0;
-}
-
-bool pg_crash_holding(pid_t held) {
-    pg_port();
-    Background crash({"/bin/sh", RV_PGCLUSTER_SH, "crash", std::getenv("RV_TEST_PGCLUSTER")});
-    const bool told = eventually([held] {
+    Background cluster({"/bin/sh", RV_PGCLUSTER_SH, command, std::getenv("RV_TEST_PGCLUSTER")});
+    const bool told = held == 0 || eventually([held] {
         // The signals pending for the process, in hexadecimal, bit n - 1 for signal n.
         std::ifstream status("/proc/" + std::to_string(held) + "/status");
         unsigned long long pending = 0;
@@ -50,30 +45,23 @@ bool pg_crash_holding(pid_t held) {
         }
         return (pending & (1ULL << (SIGQUIT - 1))) != 0;
     });
-    kill(held, SIGCONT);
-    return crash.wait().status == 0 && told;
+    if (held != 0) kill(held, SIGCONT);
+    return cluster.wait().status == 0 && told;
 }
 
 PgRows pg_query(const std::string& db, const std::string& sql) {
     pg_port();
     rv::PgConnPtr conn(PQconnectdb(("dbname=" + db).c_str()));
-    if (PQstatus(conn.get()) != CONNECTION_OK) {
-        throw std::runtime_error("cannot connect to " + db + ": " + PQerrorMessage(conn.get()));
-    }
     PQsetNoticeProcessor(conn.get(), [](void*, const char*) {}, nullptr);
     rv::PgResultPtr res(PQexec(conn.get(), sql.c_str()));
-    const ExecStatusType status = PQresultStatus(res.get());
-    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
-        throw std::runtime_error("statement failed: " + sql + ": " + PQerrorMessage(conn.get()));
+    if (const auto status = PQresultStatus(res.get()); status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+        throw std::runtime_error("statement failed in " + db + ": " + sql + ": " + PQerrorMessage(conn.get()));
     }
     PgRows rows(static_cast<std::size_t>(PQntuples(res.get())));
-    for (int row = 0; row < PQntuples(res.get()); ++row) {
-        for (int col = 0; col < PQnfields(res.get()); ++col) {
-            auto& field = rows[static_cast<std::size_t>(row)].emplace_back();
-            if (!PQgetisnull(res.get(), row, col)) {
-                field.emplace(PQgetvalue(res.get(), row, col),
-                              static_cast<std::size_t>(PQgetlength(res.get(), row, col)));
-            }
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+        for (int col = 0, r = static_cast<int>(row); col < PQnfields(res.get()); ++col) {
+            rows[row].push_back(PQgetisnull(res.get(), r, col) ? std::nullopt
+                                : std::optional<std::string>(PQgetvalue(res.get(), r, col)));
         }
     }
     return rows;

@@ -19,14 +19,11 @@ namespace rvtest {
 // std::runtime_error when there is no server.
 int pg_port();
 
-// Runs pgcluster.sh `command` ("crash" or "restart") on the server; true
-// when it succeeded.
-bool pg_cluster(const std::string& command);
-
-// Crashes the server (pgcluster.sh crash) while its process `held` is
-// stopped (SIGSTOP): it goes on only once the server has told it to quit,
-// so that it cannot write anything first. True when the crash succeeded.
-bool pg_crash_holding(pid_t held);
+// Runs pgcluster.sh `command` ("crash" or "restart"); true when it
+// succeeded. A crash while the server's process `held` is stopped (SIGSTOP)
+// lets it go on only once the server has told it to quit, so that it cannot
+// write anything first.
+bool pg_cluster(const std::string& command, pid_t held = 0);
 
 // Rows of a query, NULL fields as nullopt.
 using PgRows = std::vector<std::vector<std::optional<std::string>>>;
@@ -57,7 +54,6 @@ class DbTest : public ::testing::Test {
         args.insert(args.begin(), bin(name));
         return run(args, kToolEnv);
     }
-
     Sandbox box;
     std::string prot;
 };

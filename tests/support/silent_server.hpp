@@ -8,38 +8,30 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
 namespace rvtest {
 
-class SilentServer {
-  public:
-    SilentServer(const std::string& dir, int port) : path_(dir + "/.s.PGSQL." + std::to_string(port)) {
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        if (path_.size() >= sizeof addr.sun_path) {
-            throw std::runtime_error("socket path too long: " + path_);
-        }
-        path_.copy(addr.sun_path, path_.size());
-        fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
-        if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd_, 8) != 0) {
-            std::perror(path_.c_str());
-            close(fd_);
-            throw std::runtime_error("cannot listen on " + path_);
+struct SilentServer {
+    SilentServer(const std::string& dir, int port) : path(dir + "/.s.PGSQL." + std::to_string(port)) {
+        sockaddr_un addr{AF_UNIX, {}};
+        if (path.size() >= sizeof addr.sun_path) throw std::runtime_error("socket path too long: " + path);
+        path.copy(addr.sun_path, path.size());
+        if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 8) != 0) {
+            const std::string why = std::strerror(errno);
+            close(fd);
+            throw std::runtime_error("cannot listen on " + path + ": " + why);
         }
     }
-    ~SilentServer() {
-        close(fd_);
-        unlink(path_.c_str());
-    }
+    ~SilentServer() { close(fd), unlink(path.c_str()); }
     SilentServer(const SilentServer&) = delete;
     SilentServer& operator=(const SilentServer&) = delete;
 
-  private:
-    std::string path_;
-    int fd_ = -1;
+    const std::string path;
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
 };
 
 }  // namespace rvtest
