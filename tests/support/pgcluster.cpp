@@ -22,11 +22,9 @@ int pg_port() {
                 found = line.starts_with("PGPORT=") ? std::atoi(line.c_str() + eq + 1) : found;
             }
         }
-        if (found == 0) {
-            throw std::runtime_error("no database test server: run the Db tests through ctest, or set "
-                                     "RV_TEST_PGCLUSTER to the state file of pgcluster.sh start");
-        }
-        return found;
+        if (found != 0) return found;
+        throw std::runtime_error("no database test server: run the Db tests through ctest, or set "
+                                 "RV_TEST_PGCLUSTER to the state file of pgcluster.sh start");
     }();
     return port;
 }
@@ -77,9 +75,8 @@ RunResult quit_during(const std::vector<std::string>& argv, const std::string& q
     Background program(argv, kToolEnv);
     const std::string active =
         "select count(*) from pg_stat_activity where state = 'active' and query = $q$" + query + "$q$";
-    if (!eventually([&] { return pg_query("postgres", active).at(0).at(0) != "0"; })) {
+    if (!eventually([&] { return pg_query("postgres", active).at(0).at(0) != "0"; }))
         throw std::runtime_error("no session ever ran " + query);
-    }
     kill(program.pid(), SIGQUIT);
     RunResult r = program.wait();
     // Cut short, not left to run out: the server no longer runs it.

@@ -18,7 +18,6 @@ namespace rvtest {
 // programs) to this process and its children; returns the port. Throws
 // std::runtime_error when there is no server.
 int pg_port();
-
 // Runs pgcluster.sh `command` ("crash" or "restart"); true when it
 // succeeded. A crash while the server's process `held` is stopped (SIGSTOP)
 // lets it go on only once the server has told it to quit, so that it cannot
@@ -38,7 +37,6 @@ inline const Env kToolEnv{{"OS", ""}, {"PGPORT", ""}};
 // What a program writes on standard error when SIGQUIT (or halt) ends a statement.
 inline const std::string kQuitLine =
     "signal_psql_handler: SIGQUIT received ----------------DB-ERROR---------------\n";
-
 // Runs `argv` with kToolEnv and sends it SIGQUIT once a session runs `query`,
 // a statement of five seconds; fails the test when the server still runs it
 // once the program has ended.

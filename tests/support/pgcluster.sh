@@ -10,13 +10,10 @@
 # root the server runs as user postgres. A watchdog in a session of its own
 # stops the server once its caller (ctest) has ended.
 set -u
-cmd=${1:-}
-state=${2:-}
+cmd=${1:-} state=${2:-}
 as_pg() { if [ "$(id -u)" = 0 ]; then runuser -u postgres -- "$@"; else "$@"; fi; }
 stop_cluster() {  # ROOT BINDIR
-    if [ -f "$1/data/postmaster.pid" ]; then
-        as_pg "$2/pg_ctl" -D "$1/data" -m immediate -w stop >/dev/null 2>&1
-    fi
+    [ ! -f "$1/data/postmaster.pid" ] || as_pg "$2/pg_ctl" -D "$1/data" -m immediate -w stop >/dev/null 2>&1
     rm -rf "$1"
 }
 # WAL that no commit waits for stays in the server's memory as long as it
@@ -29,8 +26,10 @@ start_server() {  # ROOT BINDIR PORT
 setting() { sed -n "s/^$1=//p" "$state"; }
 case "$cmd" in
 watch) while kill -0 "$4" 2>/dev/null; do sleep 1; done; stop_cluster "$2" "$3"; exit 0 ;;
-start | stop) [ -n "$state" ] || cmd= ;;
-crash | restart)
+start | stop | crash | restart) [ -n "$state" ] ;;
+*) false ;;
+esac || { echo "usage: $0 start|stop|crash|restart STATE_FILE" >&2; exit 2; }
+if [ "$cmd" = crash ] || [ "$cmd" = restart ]; then
     [ -f "$state" ] || { echo "pgcluster: no cluster in $state" >&2; exit 1; }
     root=$(setting PGHOST) bindir=$(setting RVPG_BIN)
     if as_pg "$bindir/pg_ctl" -D "$root/data" status >/dev/null 2>&1; then
@@ -38,17 +37,14 @@ crash | restart)
     else
         [ "$cmd" = crash ] || start_server "$root" "$bindir" "$(setting PGPORT)" >>"$root/log" 2>&1
     fi
-    exit ;;
-*) cmd= ;;
-esac
-[ -n "$cmd" ] || { echo "usage: $0 start|stop|crash|restart STATE_FILE" >&2; exit 2; }
+    exit
+fi
 if [ -f "$state" ]; then
     root=$(setting PGHOST)
-    [ -n "$root" ] && stop_cluster "$root" "$(setting RVPG_BIN)"
-    rm -f "$state"
-    echo "pgcluster: stopped the cluster of $state"
+    [ -z "$root" ] || stop_cluster "$root" "$(setting RVPG_BIN)"
+    rm -f "$state" && echo "pgcluster: stopped the cluster of $state"
 fi
-[ "$cmd" = stop ] && exit 0
+[ "$cmd" != stop ] || exit 0
 
 bindir=
 for dir in /usr/lib/postgresql/*/bin "$(pg_config --bindir 2>/dev/null)"; do
@@ -56,12 +52,7 @@ for dir in /usr/lib/postgresql/*/bin "$(pg_config --bindir 2>/dev/null)"; do
 done
 [ -n "$bindir" ] || { echo "pgcluster: no server programs (initdb, pg_ctl); install postgresql" >&2; exit 1; }
 root=$(mktemp -d "${TMPDIR:-/tmp}/rvpg.XXXXXX") || exit 1
-fail() {
-    echo "pgcluster: $1 failed" >&2
-    cat "$root/log" "$root/server.log" >&2 2>/dev/null
-    stop_cluster "$root" "$bindir"
-    exit 1
-}
+fail() { echo "pgcluster: $1 failed" >&2; cat "$root/log" "$root/server.log" >&2 2>/dev/null; stop_cluster "$root" "$bindir"; exit 1; }
 # The socket lies in the cluster's own directory, so any port will do; one
 # apart from the standard port keeps other servers out.
 port=$((20000 + $$ % 20000))
