@@ -22,14 +22,15 @@ using Lines = std::vector<std::string>;
 using Row = std::vector<std::optional<std::string>>;
 using Db = rvtest::ProductTest;
 
-// What `call` throws as SessionHalted, and what it wrote on standard error.
+// What `call` throws as SessionHalted, having written it on standard error.
 template <typename Call>
-std::pair<std::string, std::string> halted(Call call) {
+std::string halted(Call call) {
     rvtest::CaptureFd err(2);
     try {
         call();
     } catch (const rv::SessionHalted& halted) {
-        return {halted.what(), err.finish()};
+        EXPECT_EQ(err.finish(), halted.what()) << "on standard error";
+        return halted.what();
     }
     ADD_FAILURE() << "SessionHalted was not thrown";
     return {};
@@ -38,25 +39,22 @@ std::pair<std::string, std::string> halted(Call call) {
 // Without a handler, or when the handler returns (with 0: halt has put the
 // default action back first), halt throws the text it wrote.
 TEST(SessionHalt, ThrowsTheTextItWrote) {
-    const auto twice = [](const std::string& text) { return std::make_pair(text, text); };
-    EXPECT_EQ(halted([] { rv::halt("failed query:  %s\n", "select 1"); }), twice("failed query:  select 1\n"));
+    EXPECT_EQ(halted([] { rv::halt("failed query:  %s\n", "select 1"); }), "failed query:  select 1\n");
     EXPECT_EQ(halted([] { errno = ENOENT, rv::halt("PERROR : :rest %d\n", 7); }),
-              twice("rest 7\nNo such file or directory\n"));
-    const auto [text, written] = halted([] { rv::connectdb("host=/nonexistent/dir port=1 dbname=ravik_db"); });
+              "rest 7\nNo such file or directory\n");
+    const std::string text = halted([] { rv::connectdb("host=/nonexistent/dir port=1 dbname=ravik_db"); });
     rv::release_session();
-    EXPECT_TRUE(text.starts_with("Connection to database using 'host=/nonexistent/dir port=1 dbname=ravik_db' "
-                                 "failed.\n")) << text;
-    EXPECT_GT(text.size(), text.find('\n') + 1) << "no reason after the first line";
-    EXPECT_EQ(written, text);
+    const std::string first = "Connection to database using 'host=/nonexistent/dir port=1 dbname=ravik_db' failed.\n";
+    EXPECT_TRUE(text.starts_with(first) && text.size() > first.size()) << "no reason after the first line: " << text;
     // The client library's reason on one line, each run of blanks one blank.
     const std::string reason = rv::session_failure();
-    EXPECT_NE(reason.find("No such file or directory"), std::string::npos) << reason;
-    EXPECT_EQ(reason.find_first_of("\n\t"), std::string::npos) << reason;
-    EXPECT_EQ(reason.find("  "), std::string::npos) << reason;
+    EXPECT_TRUE(reason.find("No such file or directory") != std::string::npos &&
+                reason.find_first_of("\n\t") == std::string::npos && reason.find("  ") == std::string::npos)
+        << reason;
 
     static int received = -1;
     std::signal(SIGINT, [](int signo) { received = signo; });
-    EXPECT_EQ(halted([] { rv::halt("x\n"); }), twice("x\n"));
+    EXPECT_EQ(halted([] { rv::halt("x\n"); }), "x\n");
     EXPECT_EQ(received, 0);
     EXPECT_EQ(std::signal(SIGINT, SIG_DFL), SIG_DFL);
 }
@@ -74,11 +72,10 @@ TEST(SessionHalt, ConnectingEndsAtTheConnectTimeout) {
     };
     for (const auto& [timeout, reason] : cases) {
         const std::string options = host + timeout;
-        const auto [text, written] = halted([&] { rv::connectdb(options.c_str()); });
+        const std::string text = halted([&] { rv::connectdb(options.c_str()); });
         EXPECT_EQ(rv::session_failure(), reason);
         rv::release_session();
         EXPECT_EQ(text, "Connection to database using '" + options + "' failed.\n" + reason + "\n");
-        EXPECT_EQ(written, text);
     }
 }
 
@@ -121,8 +118,7 @@ TEST_F(Db, RecordListAndExportTextWithTheirColumnLimit) {
     res = make_result({"id", "name", "note"}, {{"1", "a|b", std::nullopt}, {"2", "", "x"}});
     EXPECT_EQ(rvtest::capture(1, [&] { ok = rv::iPSQL_MAKE_EXPORT_FILE(res.get(), msg, nullptr); }),
               "INSERT INTO media (id,name,note) VALUES ('1','a|b',NULL);\n"
-              "INSERT INTO media (id,name,note) VALUES ('2','','x');\n"
-              "\n-- 2 rows found \n");
+              "INSERT INTO media (id,name,note) VALUES ('2','','x');\n\n-- 2 rows found \n");
     EXPECT_TRUE(ok);
 
     // More than 100 columns are refused, the export before anything is written.
@@ -133,8 +129,7 @@ TEST_F(Db, RecordListAndExportTextWithTheirColumnLimit) {
     rv::DB_REC_LIS refused;
     refused.szId = "wider";
     for (const auto lang : {rv::LANG_EN, rv::LANG_DE, rv::LANG_BA, rv::LANG_FR}) {
-        rv::eLang = lang;
-        msg.clear();
+        msg.clear(), rv::eLang = lang;
         ok = rv::iPSQL_MAKE_DB_REC_LIS(res.get(), msg, &refused);
         EXPECT_EQ(std::to_string(ok) + msg + std::to_string(refused.iRows()), "0too much columns ( max 100 )0");
     }
@@ -149,10 +144,9 @@ TEST_F(Db, DateFormsByDatabaseType) {
         // type, keyword, argument, result
         {"postgres", "DATE", "2006-10-18", "2006-10-18 00:00:00"}, {"ORACLE", "DATE", "2006-10-18", "20061018"},
         // DATE_RAVIK goes by the second letter of the type.
-        {"xRAY", "DATE_RAVIK", "20061018", "2006-10-18"},
+        {"xRAY", "DATE_RAVIK", "20061018", "2006-10-18"}, {"sqlite", "DATE_RAVIK", "20061018", ""},
         // The time is appended before the cut: a short date keeps part of it.
         {"postgres", "DATE_RAVIK", "2006-1-8", "2006-1-8 0"},
-        {"sqlite", "DATE_RAVIK", "20061018", ""},
         {"postgres", "DATE_TIME_RAVIK", "2006-10-18 12:34:56", "2006-10-18 12:34:56"},
         {"postgres", "MAX", "max(id)", "max"}, {"OpenAccess", "MAX", "max(id)", "COL1"}, {"other", "MAX", "max", ""},
     };
@@ -164,13 +158,12 @@ TEST_F(Db, DateFormsByDatabaseType) {
     // An unknown keyword is refused in every language, also when it comes as
     // a statement (only two letters are looked at first).
     box.set_glbv("gv_db_type", "postgres");
-    const std::pair<rv::LANGUAGES, const char*> unknown[] = {
+    const std::pair<rv::LANGUAGES, std::string> unknown[] = {
         {rv::LANG_EN, "MAXIMUM"}, {rv::LANG_DE, "DATA"}, {rv::LANG_BA, "date"}};
     for (const auto& [lang, key] : unknown) {
-        rv::eLang = lang;
         std::string msg = "x";
-        EXPECT_EQ(std::to_string(rv::iDB_CONVERT_DATE_TIME(key, msg)) + msg,
-                  "0wrong function-argument: " + std::string(key));
+        rv::eLang = lang;
+        EXPECT_EQ(std::to_string(rv::iDB_CONVERT_DATE_TIME(key, msg)) + msg, "0wrong function-argument: " + key);
     }
     rv::eLang = rv::LANG_EN;
     std::string msg;
@@ -193,8 +186,7 @@ TEST_F(Db, StatementTextAndForm) {
         {"insert into t values ('it's')", true, "insert into t values ('it's')"},
         {"insert into t values ('say \"hi\"', \"Col\")", false, "insert into t values ('say _hi_', \"Col\")"},
     };
-    for (const auto& [in, ok, out] : cases) {
-        std::string sql = in;
+    for (auto [sql, ok, out] : cases) {
         EXPECT_EQ(std::to_string(rv::CLEANUP_QUOTA(sql)) + sql, std::to_string(ok) + out);
     }
     std::string sql = "SELECT Name FROM Media WHERE Label='MiXed' AND Pool='P'";
@@ -203,12 +195,10 @@ TEST_F(Db, StatementTextAndForm) {
 
     using rv::SqlForm;
     const std::tuple<std::string, bool, SqlForm> forms[] = {
-        {" select * from t", false, SqlForm::command},
-        {"select count(*) from t", true, SqlForm::calculated},
+        {" select * from t", false, SqlForm::command}, {"select count(*) from t", true, SqlForm::calculated},
         {"select max(id) from t where a='X'", false, SqlForm::calculated},
         {"select count(*) from t GROUP BY a", false, SqlForm::record_list},  // no calculation with GROUP BY
-        {"select avg(id) from t", false, SqlForm::record_list},
-        {"select * from t", true, SqlForm::export_text},
+        {"select avg(id) from t", false, SqlForm::record_list}, {"select * from t", true, SqlForm::export_text},
     };
     for (const auto& [text, with_list, form] : forms) EXPECT_EQ(rv::sql_form(text, with_list), form) << text;
     const std::string name = "abcdefghijklmnopqrstuvwxyz0123456789";
