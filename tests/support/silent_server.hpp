@@ -8,22 +8,18 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
-#include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace rvtest {
 
 struct SilentServer {
     SilentServer(const std::string& dir, int port) : path(dir + "/.s.PGSQL." + std::to_string(port)) {
         sockaddr_un addr{AF_UNIX, {}};
-        if (path.size() >= sizeof addr.sun_path) throw std::runtime_error("socket path too long: " + path);
+        if (path.size() >= sizeof addr.sun_path) throw std::length_error("socket path too long: " + path);
         path.copy(addr.sun_path, path.size());
         if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 8) != 0) {
-            const std::string why = std::strerror(errno);
-            close(fd);
-            throw std::runtime_error("cannot listen on " + path + ": " + why);
+            throw std::system_error(errno, std::generic_category(), "cannot listen on " + path);
         }
     }
     ~SilentServer() { close(fd), unlink(path.c_str()); }
