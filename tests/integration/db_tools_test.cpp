@@ -32,34 +32,18 @@ std::string statements(const std::string& out) { return out.substr(out.find("\n\
 std::string undated(const std::string& text) {
     return std::regex_replace(text, std::regex("update_date='\\d{12}'"), "update_date='<date>'");
 }
-
-TEST_F(DbTools, ExportTextRestoresTheRows) {
-    pg_query("ravik_db", "create table t (id int, name text, note text, day date, amount numeric);"
-                         "insert into t values (1, 'a|b', NULL, '2006-10-18', 1.5), "
-                         "(2, '', 'it''s x=y', NULL, NULL), (3, 'NULL', ' blank ', '1999-12-31', -7);"
-                         "create table e (id int)");
-    const auto before = pg_query("ravik_db", "select * from t order by id");
-    // A quote inside a value is doubled, so the line loads as the same value.
-    const std::string insert = "INSERT INTO t (id,name,note,day,amount) VALUES ";
-    const auto exported = tool("rv_db", {"select * from t", "-e"});
-    const std::string rows = insert + "('1','a|b',NULL,'2006-10-18','1.5');\n" + insert + "('2','','it''s x=y',"
-                             "NULL,NULL);\n" + insert + "('3','NULL',' blank ','1999-12-31','-7');\n";
-    EXPECT_EQ(all(exported), std::make_tuple(0, rows + "\n-- 3 rows found \n", ""));
-    // An empty table exports as the closing line alone, which loads nothing.
-    const auto empty = tool("rv_db", {"-e", "select * from e;"});
-    EXPECT_EQ(all(empty), std::make_tuple(0, "\n-- 0 rows found \n", ""));
-
-    const std::string file = box.dir("gv_rw_work") + "db_t.tmp";
-    rvtest::write_file(file, exported.out + empty.out);
-    pg_query("ravik_db", "delete from t");
-    const std::string psql = std::getenv("RVPG_BIN") + std::string("/psql");
-    const auto loaded = rvtest::run({psql, "-X", "-q", "-v", "ON_ERROR_STOP=1", "-d", "ravik_db", "-f", file});
-    ASSERT_EQ(loaded.status, 0) << loaded.out << loaded.err;
-    EXPECT_EQ(pg_query("ravik_db", "select * from t order by id"), before);
+// What set_params_fix writes after its header when both statements fail for `reason`.
+std::string both_failed(const std::string& reason) {
+    const std::string got = "\n got error from statement: " + reason + "\n";
+    return kVersion + got + dated("<date>") + got;
 }
 
-TEST_F(DbTools, AnswersRefusalsAndFailures) {
-    pg_query("ravik_db", "create table t (id int, name text); create table media_retention_history_archive (id int)");
+TEST_F(DbTools, AnswersExportTextRefusalsAndFailures) {
+    pg_query("ravik_db", "create table t (id int, name text); create table media_retention_history_archive (id int);"
+                         "create table x (id int, name text, note text, day date, amount numeric);"
+                         "insert into x values (1, 'a|b', NULL, '2006-10-18', 1.5), (2, '', 'it''s x=y', NULL, NULL),"
+                         " (3, 'NULL', ' blank ', '1999-12-31', -7); create table e (id int)");
+    const auto before = pg_query("ravik_db", "select * from x order by id");
     std::string longest = "select 7 as v";
     longest.resize(rv::kSqlStatementMax, ' ');
     const auto help = tool("rv_db", {"-h"});
@@ -67,7 +51,15 @@ TEST_F(DbTools, AnswersRefusalsAndFailures) {
     ASSERT_TRUE(help.out.starts_with("Usage:\n")) << help.out;
     const std::string failed = "rv_db: the statement failed", refused = "DB_ACCESS: statement of 1034 bytes "
                                                                         "refused, at most 1023 bytes can be sent\n";
+    // A quote inside a value is doubled, so the line loads as the same value.
+    const std::string insert = "INSERT INTO x (id,name,note,day,amount) VALUES ";
+    const std::string exported = insert + "('1','a|b',NULL,'2006-10-18','1.5');\n" + insert + "('2','','it''s x=y',"
+                                 "NULL,NULL);\n" + insert + "('3','NULL',' blank ','1999-12-31','-7');\n\n-- 3 rows "
+                                 "found \n";
     const std::tuple<Lines, int, std::string, std::string> cases[] = {
+        {{"select * from x", "-e"}, 0, exported, ""},
+        // An empty table exports as the closing line alone, which loads nothing.
+        {{"-e", "select * from e;"}, 0, "\n-- 0 rows found \n", ""},
         {{"insert into t values (1, 'a|b'), (2, NULL)"}, 0, "2\n", ""},
         {{"SELECT * FROM t ORDER BY id"}, 0, "|id=1|name=a|b|\n|id=2|name=NULL|\n-- 2 rows found\n", ""},
         {{"select count(*) from t", "-e"}, 0, "2\n", ""},
@@ -91,6 +83,14 @@ TEST_F(DbTools, AnswersRefusalsAndFailures) {
         EXPECT_EQ(all(tool("rv_db", args)), std::tie(status, out, err)) << ::testing::PrintToString(args);
     }
     EXPECT_EQ(pg_query("ravik_db", "select name = 'it' || chr(180) || 's' from t where id = 1"), PgRows{{"t"}});
+
+    const std::string file = box.dir("gv_rw_work") + "db_x.tmp";
+    rvtest::write_file(file, exported + "\n-- 0 rows found \n");
+    pg_query("ravik_db", "delete from x");
+    const std::string psql = std::getenv("RVPG_BIN") + std::string("/psql");
+    const auto loaded = rvtest::run({psql, "-X", "-q", "-v", "ON_ERROR_STOP=1", "-d", "ravik_db", "-f", file});
+    ASSERT_EQ(loaded.status, 0) << loaded.out << loaded.err;
+    EXPECT_EQ(pg_query("ravik_db", "select * from x order by id"), before);
 }
 
 TEST_F(DbTools, SigquitEndsTheStatementNotTheTool) {
@@ -108,15 +108,14 @@ TEST_F(DbTools, SilentServerEndsAtTheConnectTimeout) {
     rvtest::Env env = rvtest::kToolEnv;
     env["PGHOST"] = box.root().string();
     env["PGCONNECT_TIMEOUT"] = "2";
-    const std::string reason = "timeout expired: no answer from the server within 2 seconds (connect_timeout)\n";
-    const std::string failed = "Connection to database using 'dbname=ravik_db' failed.\n" + reason + kQuitLine;
+    const std::string reason = "timeout expired: no answer from the server within 2 seconds (connect_timeout)";
+    const std::string failed = "Connection to database using 'dbname=ravik_db' failed.\n" + reason + "\n" + kQuitLine;
     EXPECT_EQ(all(rvtest::run({rvtest::bin("rv_db"), "select 1"}, env)),
               std::make_tuple(2, "", failed + "rv_db: the statement failed (reason above): select 1\n"));
 
     const auto set = rvtest::run({rvtest::bin("rv_db_update"), "set_params_fix"}, env);
     EXPECT_EQ(std::tie(set.status, set.err), std::make_tuple(0, failed + failed));
-    const std::string got = "\n got error from statement: " + reason;
-    EXPECT_EQ(undated(statements(set.out)), kVersion + got + dated("<date>") + got) << set.out;
+    EXPECT_EQ(undated(statements(set.out)), both_failed(reason)) << set.out;
 }
 
 TEST_F(DbTools, SetParamsFixStampsVersionAndDateOrReportsAndGoesOn) {
@@ -124,8 +123,7 @@ TEST_F(DbTools, SetParamsFixStampsVersionAndDateOrReportsAndGoesOn) {
     const std::string missing = "ERROR: relation \"params_fix\" does not exist";
     auto r = tool("rv_db_update", {"set_params_fix"});
     EXPECT_EQ(r.status, 0) << r.err;
-    const std::string got = "\n got error from statement: " + missing + "\n";
-    EXPECT_EQ(undated(statements(r.out)), kVersion + got + dated("<date>") + got) << r.out;
+    EXPECT_EQ(undated(statements(r.out)), both_failed(missing)) << r.out;
     std::string texts;
     for (const auto& text : rvtest::protocol_texts(prot)) texts += text + "\n";
     const std::string unexpected = " with unexpected result: " + missing + ".\n";

@@ -37,9 +37,8 @@ bool pg_cluster(const std::string& command, pid_t held) {
         std::ifstream status("/proc/" + std::to_string(held) + "/status");
         unsigned long long pending = 0;
         for (std::string line; std::getline(status, line);) {
-            if (line.starts_with("ShdPnd:") || line.starts_with("SigPnd:")) {
+            if (line.starts_with("ShdPnd:") || line.starts_with("SigPnd:"))
                 pending |= std::stoull(line.substr(7), nullptr, 16);
-            }
         }
         return (pending & (1ULL << (SIGQUIT - 1))) != 0;
     });

@@ -1,14 +1,13 @@
 #!/bin/sh
 # pgcluster.sh start|stop|crash|restart STATE_FILE: the throwaway PostgreSQL
-# server of the database tests. start stops a cluster left over in
-# STATE_FILE, runs initdb and pg_ctl into a temporary directory, reachable
-# only through a unix socket there, and writes to STATE_FILE the environment
-# that reaches it (PGHOST, PGPORT, PGUSER, RVPG_BIN for its programs), one
-# NAME=value a line; stop stops it and removes both. crash stops the server
-# at once, as a crash would (what its processes have not written is lost),
-# and restart starts it again, with the same settings, unless it runs. As
-# root the server runs as user postgres. A watchdog in a session of its own
-# stops the server once its caller (ctest) has ended.
+# server of the database tests. start stops a cluster left over in STATE_FILE,
+# runs initdb and pg_ctl into a temporary directory, reachable only through a
+# unix socket there, and writes to STATE_FILE the environment that reaches it
+# (PGHOST, PGPORT, PGUSER, RVPG_BIN for its programs), one NAME=value a line;
+# stop stops it and removes both. crash stops the server at once, as a crash
+# would (what its processes have not written is lost), and restart starts it
+# again unless it runs. As root the server runs as user postgres. A watchdog
+# in a session of its own stops the server once its caller (ctest) has ended.
 set -u
 cmd=${1:-} state=${2:-}
 as_pg() { if [ "$(id -u)" = 0 ]; then runuser -u postgres -- "$@"; else "$@"; fi; }
@@ -45,7 +44,6 @@ if [ -f "$state" ]; then
     rm -f "$state" && echo "pgcluster: stopped the cluster of $state"
 fi
 [ "$cmd" != stop ] || exit 0
-
 bindir=
 for dir in /usr/lib/postgresql/*/bin "$(pg_config --bindir 2>/dev/null)"; do
     if [ -x "$dir/initdb" ] && [ -x "$dir/pg_ctl" ]; then bindir=$dir; break; fi
@@ -57,8 +55,7 @@ fail() { echo "pgcluster: $1 failed" >&2; cat "$root/log" "$root/server.log" >&2
 # apart from the standard port keeps other servers out.
 port=$((20000 + $$ % 20000))
 [ "$(id -u)" != 0 ] || chown postgres: "$root" || fail "handing $root to user postgres"
-as_pg "$bindir/initdb" -D "$root/data" -U postgres -A trust -E UTF8 --locale=C -N \
-    >"$root/log" 2>&1 || fail initdb
+as_pg "$bindir/initdb" -D "$root/data" -U postgres -A trust -E UTF8 --locale=C -N >"$root/log" 2>&1 || fail initdb
 start_server "$root" "$bindir" "$port" >>"$root/log" 2>&1 || fail "pg_ctl start"
 setsid -f sh "$0" watch "$root" "$bindir" "$PPID" </dev/null >/dev/null 2>&1
 printf 'PGHOST=%s\nPGPORT=%s\nPGUSER=postgres\nRVPG_BIN=%s\n' "$root" "$port" "$bindir" >"$state"

@@ -93,10 +93,9 @@ rv::PgResultPtr make_result(std::vector<std::string> names, const std::vector<Ro
     std::vector<PGresAttDesc> attrs;
     for (auto& name : names) attrs.push_back(PGresAttDesc{name.data(), 0, 0, 0, 25, -1, -1});
     EXPECT_TRUE(PQsetResultAttrs(res.get(), static_cast<int>(attrs.size()), attrs.data()));
-    for (std::size_t r = 0; r < rows.size(); ++r) {
-        for (std::size_t c = 0; c < rows[r].size(); ++c) {
-            auto v = rows[r][c];
-            EXPECT_TRUE(PQsetvalue(res.get(), int(r), int(c), v ? v->data() : nullptr, v ? int(v->size()) : -1));
+    for (int r = 0; r < int(rows.size()); ++r) {
+        for (int c = 0; auto v : rows[std::size_t(r)]) {
+            EXPECT_TRUE(PQsetvalue(res.get(), r, c++, v ? v->data() : nullptr, v ? int(v->size()) : -1));
         }
     }
     return res;
