@@ -9,7 +9,6 @@
 
 #include "db/access.hpp"
 #include "support/pgcluster.hpp"
-#include "support/silent_server.hpp"
 
 namespace {
 

@@ -16,9 +16,7 @@ using rvtest::pg_query;
 using rvtest::PgRows;
 using Lines = std::vector<std::string>;
 
-std::string value(const std::string& sql, const std::string& db = "ravik_db") {
-    return *pg_query(db, sql).at(0).at(0);
-}
+std::string value(const std::string& sql, const std::string& db = "ravik_db") { return *pg_query(db, sql).at(0).at(0); }
 // Exit status and standard output, to compare at once.
 auto outcome(const rvtest::RunResult& r) { return std::tie(r.status, r.out); }
 
@@ -26,9 +24,8 @@ auto outcome(const rvtest::RunResult& r) { return std::tie(r.status, r.out); }
 // check refuses. Without a key, a row committed twice shows.
 std::string ev_rows(int n, bool (*refused)(int)) {
     std::string script;
-    for (int i = 1; i <= n; ++i) {
+    for (int i = 1; i <= n; ++i)
         script += "INSERT INTO ev (seq,val) VALUES ('" + std::to_string(i) + (refused(i) ? "','-1');\n" : "','1');\n");
-    }
     return script;
 }
 // What oaisql without -e reports for the refused row `seq` of ev, on line `seq`.
@@ -51,7 +48,6 @@ class DbLoader : public rvtest::DbTest {
         args.insert(args.begin(), {rvtest::bin("oaisql"), "-c", file});
         return rvtest::run(args);
     }
-
     std::string file = box.path("work/script.tmp");
 };
 
@@ -122,10 +118,8 @@ TEST_F(DbLoader, OneHugeCommitGroupNeitherSideWaitsForTheOther) {
     // 60,000 single-row statements in one transaction: the answers fill the
     // socket long before the last statement is written.
     std::string script;
-    for (int i = 1; i <= 60000; ++i) {
-        script += "INSERT INTO media (id,note) VALUES ('" + std::to_string(i) + "','" + std::string(200, 'n') +
-                  "');\n";
-    }
+    for (int i = 1; i <= 60000; ++i)
+        script += "INSERT INTO media (id,note) VALUES ('" + std::to_string(i) + "','" + std::string(200, 'n') + "');\n";
     const auto r = load(script, {"-b", "100000", "-g", "1"});
     EXPECT_EQ(outcome(r), std::make_tuple(0, "oaisql: 60000 statements, 60000 succeeded, 0 failed\n")) << r.err;
     EXPECT_EQ(value("select count(*) || ' ' || sum(id) from media"), "60000 1800030000");
@@ -166,9 +160,8 @@ TEST_F(DbLoader, UnreadableScriptsBadCommandLinesAndFailedConnectsStopWithStatus
          "oaisql: cannot connect to database ravik_db: "},
         {{"-e"}, {}, "", usage}, {{"-c", missing, "-x"}, {}, "", usage}};
     // Counts are digits only and at most a million: no sign, no blank, no wrap.
-    for (const char* count : {"-1", " 2", "+2", "0", "1000001", "18446744073709551617"}) {
+    for (const char* count : {"-1", " 2", "+2", "0", "1000001", "18446744073709551617"})
         cases.push_back({{"-c", missing, "-b", count}, {}, "", usage});
-    }
     for (auto [args, env, out, err] : cases) {
         args.insert(args.begin(), rvtest::bin("oaisql"));
         const auto r = rvtest::run(args, env);
@@ -213,14 +206,13 @@ TEST_F(DbLoader, EverythingAcknowledgedBeforeACrashIsThereAfterIt) {
     ASSERT_TRUE(std::regex_search(r.out, summary, stopped)) << r.out << r.err;
     EXPECT_EQ(r.status, 2);
     const int settled = std::stoi(summary[1]);
-    const std::string succeeded = summary[2];
-    EXPECT_GT(std::stoi(succeeded), 0);
+    EXPECT_GT(std::stoi(summary[2]), 0);
     // Every failing statement of those counted has its line, and no other does.
     std::string errors;
     for (int i = 1000; i <= settled; i += 1000) errors += ev_refused(i);
     EXPECT_EQ(r.out, errors + summary.str(0));
     EXPECT_EQ(value("select count(*) || ' ' || count(distinct seq) from ev where seq <= " + std::to_string(settled)),
-              succeeded + " " + succeeded);
+              summary.str(2) + " " + summary.str(2));
 }
 
 }  // namespace

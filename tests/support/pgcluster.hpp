@@ -1,13 +1,17 @@
-// The throwaway PostgreSQL server of the database tests. pgcluster.sh starts
-// it (ctest: once per run, in the test pgcluster_start) and writes the
-// environment that reaches it into the state file named by RV_TEST_PGCLUSTER.
-// The tests, psql and the loader reach it through that environment; the
-// update and export tools find its port in rv.ini.
+// The servers of the database tests. pgcluster.sh starts a throwaway
+// PostgreSQL server (ctest: once per run, in the test pgcluster_start) and
+// writes the environment that reaches it into the state file named by
+// RV_TEST_PGCLUSTER. The tests, psql and the loader reach it through that
+// environment; the update and export tools find its port in rv.ini.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <optional>
+#include <system_error>
 
 #include "support/run.hpp"
 #include "support/sandbox.hpp"
@@ -54,6 +58,26 @@ class DbTest : public ::testing::Test {
     }
     Sandbox box;
     std::string prot;
+};
+
+// A server that takes connections and never answers: a unix socket named
+// like the server's, <dir>/.s.PGSQL.<port>, that listens but is never read.
+// The kernel completes a client's connection into its queue, and the
+// client's first message waits there unread.
+struct SilentServer {
+    SilentServer(const std::string& dir, int port) : path(dir + "/.s.PGSQL." + std::to_string(port)) {
+        sockaddr_un addr{AF_UNIX, {}};
+        if (path.size() >= sizeof addr.sun_path) throw std::length_error("socket path too long: " + path);
+        path.copy(addr.sun_path, path.size());
+        if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 8) != 0) {
+            throw std::system_error(errno, std::generic_category(), "cannot listen on " + path);
+        }
+    }
+    ~SilentServer() { close(fd), unlink(path.c_str()); }
+    SilentServer(const SilentServer&) = delete;
+    SilentServer& operator=(const SilentServer&) = delete;
+    const std::string path;
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
 };
 
 }  // namespace rvtest

@@ -13,8 +13,8 @@
 #include "db/dates.hpp"
 #include "db/records.hpp"
 #include "db/session.hpp"
+#include "support/pgcluster.hpp"
 #include "support/product_test.hpp"
-#include "support/silent_server.hpp"
 
 namespace {
 
