@@ -3,7 +3,10 @@
 #include "steps/table_image.hpp"
 
 
+#include <unistd.h>
+
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -158,12 +161,54 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
 
 }  // namespace
 
+namespace {
+
+volatile sig_atomic_t gQuitDuringDump = 0;
+
+void note_quit(int /*signo*/) {
+    [[maybe_unused]] const ssize_t n = write(STDERR_FILENO, kSigquitText, sizeof kSigquitText - 1);
+    gQuitDuringDump = 1;
+}
+
+// A quit signal counts for the whole dump statement: the wait for the client
+// breaks off at once (the runner's own handler), and a quit before or after
+// it marks the statement as broken off when it has run.
+class QuitDuringDump {
+  public:
+    QuitDuringDump() {
+        gQuitDuringDump = 0;
+        struct sigaction action {};
+        action.sa_handler = note_quit;
+        sigemptyset(&action.sa_mask);
+        action.sa_flags = SA_RESTART;
+        sigaction(SIGQUIT, &action, &before_);
+    }
+    ~QuitDuringDump() { sigaction(SIGQUIT, &before_, nullptr); }
+    QuitDuringDump(const QuitDuringDump&) = delete;
+    QuitDuringDump& operator=(const QuitDuringDump&) = delete;
+
+    bool came() const { return gQuitDuringDump != 0; }
+
+  private:
+    struct sigaction before_ {};
+};
+
+}  // namespace
+
 bool iSELECT_INTO_TEMP_FILE(std::string_view cpId, std::string_view cpSql, std::string& cpMsg) {
     WRITE_TRACE(1, "+++ iSELECT_INTO_TEMP_FILE  id:%.*s sql:%.*s", static_cast<int>(cpId.size()), cpId.data(),
                 static_cast<int>(cpSql.size()), cpSql.data());
+    const QuitDuringDump quit;
     bool interrupted = false;
-    const bool ok = do_sql(cpId, cpSql, cpMsg, true, interrupted);
+    bool ok = do_sql(cpId, cpSql, cpMsg, true, interrupted);
     if (interrupted) {
+        return false;
+    }
+    if (quit.came()) {
+        if (const std::string image = table_image_path(cpId); !image.empty()) {
+            std::remove(image.c_str());
+        }
+        cpMsg = "the statement was broken off by SIGQUIT";
         return false;
     }
     WRITE_TRACE(1, "--- iSELECT_INTO_TEMP_FILE  returns %d  msg:%s", ok ? 1 : 0, cpMsg.c_str());

@@ -50,8 +50,10 @@ volatile sig_atomic_t gStopSignal = 0;
 ChildRunner* gInstalled = nullptr;
 ChildEnvironment gEnvironment = nullptr;
 
-// Jump target of a quit signal while a quittable wait runs.
+// Jump target of a quit signal while a quittable wait runs, and the quit
+// action the wait replaced (given back afterwards).
 sigjmp_buf gQuitJump;
+struct sigaction gQuitBefore;
 const char* volatile gQuitNotice = nullptr;
 
 void on_quit(int /*signo*/) {
@@ -212,7 +214,7 @@ int wait_owned(pid_t pid) {
 // waitpid. Nothing in this frame has a destructor, so the jump skips none.
 int wait_quittable(pid_t pid, const char* notice, bool& interrupted) {
     if (sigsetjmp(gQuitJump, 1) != 0) {
-        std::signal(SIGQUIT, SIG_DFL);
+        sigaction(SIGQUIT, &gQuitBefore, nullptr);
         gQuitNotice = nullptr;
         interrupted = true;
         gStopRequested = 1;
@@ -222,9 +224,9 @@ int wait_quittable(pid_t pid, const char* notice, bool& interrupted) {
     struct sigaction action {};
     action.sa_handler = on_quit;
     sigemptyset(&action.sa_mask);
-    sigaction(SIGQUIT, &action, nullptr);
+    sigaction(SIGQUIT, &action, &gQuitBefore);
     const int status = wait_owned(pid);
-    std::signal(SIGQUIT, SIG_DFL);
+    sigaction(SIGQUIT, &gQuitBefore, nullptr);
     gQuitNotice = nullptr;
     return status;
 }

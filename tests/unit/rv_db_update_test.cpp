@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <regex>
 #include <set>
 
@@ -186,6 +187,8 @@ TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
     const struct { std::string step, answer; int loader; std::string reason; } failures[] = {
         {"dump ravik_db media", "psql: error: no server\n", 0,
          "dump of media failed: didn't find expected strings in database answer; please examine file " + sqo},
+        // A quit outside the wait for the client (here: while the answer is written) counts as well.
+        {"dump ravik_db media", "quit", 0, "dump of media failed: the statement was broken off by SIGQUIT"},
         {"change media", "", 0,
          "change of media: cannot write the INSERT script: cannot write " + self + ": Is a directory"},
         {"import ravik_db media", "", 2,
@@ -193,7 +196,11 @@ TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
     };
     for (const auto& f : failures) {
         rvtest::FakeRunner failing;
-        failing.on("psql", {2, {}, [&](const std::string&) { rvtest::write_file(sqo, f.answer); }});
+        failing.on("psql", {2, {}, [&](const std::string&) {
+                            const bool quit = f.answer == "quit";
+                            rvtest::write_file(sqo, quit ? "select distinct * from media\nid\n1\n(1 row)\n" : f.answer);
+                            if (quit) raise(SIGQUIT);
+                        }});
         failing.on("oaisql", {f.loader, {}, {}});
         rvtest::write_file(work + "db_media.tmp", "|id=9|\n");
         fs::create_directories(self);
