@@ -394,7 +394,11 @@ void catch_stop_signals(std::initializer_list<int> signals) {
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
     for (const int signo : signals) {
-        sigaction(signo, &action, nullptr);
+        // An ignored signal stays ignored (a run started with nohup, say).
+        struct sigaction before {};
+        if (sigaction(signo, nullptr, &before) == 0 && before.sa_handler != SIG_IGN) {
+            sigaction(signo, &action, nullptr);
+        }
     }
 }
 

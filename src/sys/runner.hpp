@@ -75,9 +75,10 @@ using ChildEnvironment = bool (*)(std::string_view shell_line);
 // start (nullptr: none).
 void set_child_environment(ChildEnvironment prepare);
 
-// Catches `signals` (SIGTERM, SIGINT, SIGHUP, say) for the rest of the run:
-// one of them stops the running child, and any child started later, and is
-// remembered for stop_signal(). System calls interrupted by them restart.
+// Catches `signals` (SIGTERM, SIGINT, SIGHUP, say) for the rest of the run,
+// but for those that are ignored (a run started with nohup): one of them
+// stops the running child, and any child started later, and is remembered
+// for stop_signal(). System calls interrupted by them restart.
 void catch_stop_signals(std::initializer_list<int> signals);
 
 // The stop signal caught, or 0.

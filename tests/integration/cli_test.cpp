@@ -129,6 +129,13 @@ TEST_F(Tool, ToldToStopTheRunStopsItsChildAndEndsWithTheStatusLine) {
         expect_gone(step);
         EXPECT_FALSE(fs::exists(box.path("after"))) << "a step ran after " << name;
     }
+    // A run started with SIGHUP ignored (nohup) goes on ignoring it.
+    rvtest::Background nohup({"/bin/sh", "-c", "trap '' HUP; exec " + kTool + " update 1.6.3.20 1.6.4.71"}, env);
+    waiting_step();
+    kill(nohup.pid(), SIGHUP);
+    rvtest::write_file(go, "");
+    EXPECT_EQ(nohup.wait().status, 0);
+    EXPECT_TRUE(fs::exists(box.path("after"))) << "the ignored SIGHUP stopped the run";
 }
 
 TEST_F(Tool, OneRunOfAnInstallationAtATimeAndLeftoversOfAKilledOneGo) {
