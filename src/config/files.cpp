@@ -15,27 +15,13 @@ namespace rv {
 
 namespace {
 
-// Reads the next piece of a line: up to and including its line feed, but at
-// most kSeekLineMax characters. False at end of file.
-bool read_piece(std::FILE* fp, std::string& piece) {
-    piece.clear();
-    int c = 0;
-    while (piece.size() < kSeekLineMax && (c = std::fgetc(fp)) != EOF) {
-        piece.push_back(static_cast<char>(c));
-        if (c == '\n') {
-            break;
-        }
-    }
-    return !piece.empty();
-}
-
 bool contains(std::string_view line, std::string_view what) { return line.find(what) != std::string_view::npos; }
 
 }  // namespace
 
 bool i_SEEK_STRING(std::FILE* fpTest, std::string& szSl, std::string_view cpString1, std::string_view cpString2,
                    char cLogicFlg) {
-    while (read_piece(fpTest, szSl)) {
+    while (read_piece(fpTest, szSl, kSeekLineMax)) {
         const bool first = contains(szSl, cpString1);
         bool match = first;
         if (cLogicFlg == 'a') {

@@ -26,23 +26,6 @@ constexpr std::size_t kTraceLinePiece = 254;
 constexpr std::size_t kIniDirSize = 256;
 constexpr std::size_t kLgcDirSize = 512;
 
-// Reads the next piece of a line as fgets would with room for `max`
-// characters: up to and including the line feed, at most `max` characters.
-bool read_piece(std::FILE* fp, std::string& piece, std::size_t max) {
-    piece.clear();
-    while (piece.size() < max) {
-        const int c = std::getc(fp);
-        if (c == EOF) {
-            break;
-        }
-        piece.push_back(static_cast<char>(c));
-        if (c == '\n') {
-            break;
-        }
-    }
-    return !piece.empty();
-}
-
 // A directory setting of rv.ini the trace cannot do without is missing.
 void report_missing_setting(const char* cpFunction, const char* cpKey) {
     switch (eLang) {

@@ -18,4 +18,16 @@ bool read_line(std::FILE* fp, std::string& line, LineFeed lf) {
     return !line.empty();
 }
 
+bool read_piece(std::FILE* fp, std::string& piece, std::size_t max) {
+    piece.clear();
+    int c = 0;
+    while (piece.size() < max && (c = std::getc(fp)) != EOF) {
+        piece.push_back(static_cast<char>(c));
+        if (c == '\n') {
+            break;
+        }
+    }
+    return !piece.empty();
+}
+
 }  // namespace rv

@@ -17,6 +17,12 @@ using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 // How read_line treats the line feed.
 enum class LineFeed { drop, keep };
 
+// Reads the next piece of a line of `fp` into `piece`, as fgets would with
+// room for `max` characters: up to and including its line feed, at most
+// `max` characters (a longer line goes on in the next piece). Returns false
+// at end of input with nothing read.
+bool read_piece(std::FILE* fp, std::string& piece, std::size_t max);
+
 // Reads the next line of `fp` into `line`, whole, with or without its line
 // feed. Returns false at end of input with nothing read.
 bool read_line(std::FILE* fp, std::string& line, LineFeed lf = LineFeed::drop);
