@@ -5,14 +5,16 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <ctime>
 #include <string_view>
+
+#include "sys/timefmt.hpp"
 
 namespace rv {
 
 namespace {
 
 constexpr std::size_t kReadChunk = 4096;
+constexpr std::size_t kStampLength = 19;
 
 // All of `fd` from its start (at most a few pages: the note is short).
 std::string read_all(int fd) {
@@ -44,12 +46,11 @@ std::string own_command_line() {
     return line;
 }
 
+// "YYYY-MM-DD hh:mm:ss": the date and time of time_get's default form.
 std::string now_text() {
-    const std::time_t now = std::time(nullptr);
-    std::tm tm{};
-    localtime_r(&now, &tm);
-    char text[32];
-    return std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm) > 0 ? text : "";
+    std::string stamp;
+    time_get(stamp);
+    return stamp.substr(0, kStampLength);
 }
 
 // The note of the holder: one "key=value" line each.
