@@ -86,6 +86,14 @@ bool parse_footer(const std::string& line, long& count) {
     return std::string_view(tail) == "rows" || (std::string_view(tail) == "row" && count == 1);
 }
 
+// Removes the image of `id`: no failed dump may leave one, not even an older
+// one, for a later import to load.
+void drop_image(std::string_view id) {
+    if (const std::string image = table_image_path(id); !image.empty()) {
+        std::remove(image.c_str());
+    }
+}
+
 enum class RunResult { finished, interrupted, refused };
 
 // Runs the client command line `cmd`; when `interruptible`, a quit signal
@@ -110,9 +118,7 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
     WRITE_TRACE(1, "+++ PGSQL_DO_SQL   %s  %s ", id.c_str(), sql.c_str());
     // Whatever way the dump fails, no image of the table may be left for a
     // later import to load: not even an older one. Success writes it anew.
-    if (const std::string image = table_image_path(id); !image.empty()) {
-        std::remove(image.c_str());
-    }
+    drop_image(id);
     const auto fail = [&](const std::string& msg) {
         cpMsg = msg;
         WRITE_TRACE(1, "--- PGSQL_DO_SQL Return 0: %s  %s ", sql.c_str(), cpMsg.c_str());
@@ -205,9 +211,7 @@ bool iSELECT_INTO_TEMP_FILE(std::string_view cpId, std::string_view cpSql, std::
         return false;
     }
     if (quit.came()) {
-        if (const std::string image = table_image_path(cpId); !image.empty()) {
-            std::remove(image.c_str());
-        }
+        drop_image(cpId);
         cpMsg = "the statement was broken off by SIGQUIT";
         return false;
     }
