@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 extern char** environ;
 
@@ -46,6 +47,9 @@ constexpr int kCancelMs = 500;
 volatile sig_atomic_t gStopRequested = 0;
 volatile sig_atomic_t gRunning = -1;
 volatile sig_atomic_t gStopSignal = 0;
+
+// The stop signals catch_stop_signals caught.
+std::vector<int> gCaught;
 
 ChildRunner* gInstalled = nullptr;
 ChildEnvironment gEnvironment = nullptr;
@@ -388,17 +392,44 @@ void set_child_runner(ChildRunner* runner) { gInstalled = runner; }
 
 void set_child_environment(ChildEnvironment prepare) { gEnvironment = prepare; }
 
-void catch_stop_signals(std::initializer_list<int> signals) {
+namespace {
+
+// The action of a caught stop signal.
+struct sigaction stop_action() {
     struct sigaction action {};
     action.sa_handler = on_stop_signal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
+    return action;
+}
+
+}  // namespace
+
+void catch_stop_signals(std::initializer_list<int> signals) {
+    const struct sigaction action = stop_action();
     for (const int signo : signals) {
         // An ignored signal stays ignored (a run started with nohup, say).
         struct sigaction before {};
         if (sigaction(signo, nullptr, &before) == 0 && before.sa_handler != SIG_IGN) {
             sigaction(signo, &action, nullptr);
+            gCaught.push_back(signo);
         }
+    }
+}
+
+StopSignalsAtDefault::StopSignalsAtDefault() {
+    struct sigaction fallback {};
+    fallback.sa_handler = SIG_DFL;
+    sigemptyset(&fallback.sa_mask);
+    for (const int signo : gCaught) {
+        sigaction(signo, &fallback, nullptr);
+    }
+}
+
+StopSignalsAtDefault::~StopSignalsAtDefault() {
+    const struct sigaction action = stop_action();
+    for (const int signo : gCaught) {
+        sigaction(signo, &action, nullptr);
     }
 }
 

@@ -84,6 +84,17 @@ void catch_stop_signals(std::initializer_list<int> signals);
 // The stop signal caught, or 0.
 int stop_signal();
 
+// While it lives, the stop signals catch_stop_signals caught take their
+// default action and end the tool at once (for a wait a caught one could not
+// break off, such as the operator's answer at a prompt).
+class StopSignalsAtDefault {
+  public:
+    StopSignalsAtDefault();
+    ~StopSignalsAtDefault();
+    StopSignalsAtDefault(const StopSignalsAtDefault&) = delete;
+    StopSignalsAtDefault& operator=(const StopSignalsAtDefault&) = delete;
+};
+
 // "SIGTERM" for SIGTERM, and so on.
 std::string signal_name(int signo);
 

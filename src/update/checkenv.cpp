@@ -2,7 +2,6 @@
 
 #include <sys/utsname.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -14,6 +13,7 @@
 #include "log/finish.hpp"
 #include "log/trace.hpp"
 #include "sys/console.hpp"
+#include "sys/runner.hpp"
 #include "config/dirwalk.hpp"
 #include "update/run_lock.hpp"
 
@@ -68,40 +68,14 @@ void detect_new_version(std::string& version) {
     WRITE_TRACE(1, "got new version %s", version.c_str());
 }
 
-// While the operator is asked, the stop signals end the tool at once, as
-// they did before it caught them: a caught one would wait for the answer.
-class StopSignalsEndTheTool {
-  public:
-    StopSignalsEndTheTool() {
-        struct sigaction fallback {};
-        fallback.sa_handler = SIG_DFL;
-        sigemptyset(&fallback.sa_mask);
-        for (std::size_t i = 0; i < std::size(kSignals); ++i) {
-            sigaction(kSignals[i], nullptr, &before_[i]);
-            if (before_[i].sa_handler != SIG_IGN) {
-                sigaction(kSignals[i], &fallback, nullptr);
-            }
-        }
-    }
-    ~StopSignalsEndTheTool() {
-        for (std::size_t i = 0; i < std::size(kSignals); ++i) {
-            sigaction(kSignals[i], &before_[i], nullptr);
-        }
-    }
-    StopSignalsEndTheTool(const StopSignalsEndTheTool&) = delete;
-    StopSignalsEndTheTool& operator=(const StopSignalsEndTheTool&) = delete;
-
-  private:
-    static constexpr int kSignals[] = {SIGTERM, SIGINT, SIGHUP};
-    struct sigaction before_[std::size(kSignals)] {};
-};
-
 void ask_operator_for_old_version(std::string& version) {
     std::printf("Die alte QOR ravik2000 Version konnte nicht erkannt werden.\n");
     std::printf("Bitte geben Sie die Versionsnummer an (default: %s):\n", kDefaultOldVersion);
     std::fflush(stdout);
     {
-        const StopSignalsEndTheTool asking;
+        // Told to stop while asking, the tool ends at once, as it did before
+        // it caught the stop signals: a caught one would wait for the answer.
+        const StopSignalsAtDefault asking;
         getline(version, kVersionAnswerLimit);
     }
     if (version.empty()) {
