@@ -268,7 +268,7 @@ void db_change(std::string_view cpTable) {
     const std::string table(cpTable);
     const std::string file = table_image_path(table);
     if (file.empty()) {
-        refuse(table, "directory gv_rw_work unknown (neither global variable nor rv.ini key)");
+        refuse(table, kWorkDirUnknown);
     }
     WRITE_TRACE(2, "<iRead_columns_and_values> szTable: %s", table.c_str());
     WRITE_TRACE(2, "<iRead_columns_and_values> try to open file: %s", file.c_str());

@@ -337,7 +337,7 @@ bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutF
         return false;
     };
     if (image.empty()) {
-        return fail("iPGSQL_MAKE_DB_GET_FILE: directory gv_rw_work unknown (neither global variable nor rv.ini key)");
+        return fail(std::string("iPGSQL_MAKE_DB_GET_FILE: ") + kWorkDirUnknown);
     }
     AtomicFile out(image);
     if (!out.ok()) {

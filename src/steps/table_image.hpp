@@ -14,6 +14,10 @@ namespace rv {
 // else the [PATHES] key; "" when neither is known.
 std::string product_dir(const std::string& name);
 
+// Why no image path could be named: no work directory is known.
+inline constexpr const char* kWorkDirUnknown =
+    "directory gv_rw_work unknown (neither global variable nor rv.ini key)";
+
 // Full path of the table image of `table`, or "" when the work directory is
 // unknown. Where the global variable gv_rw_work and the rv.ini key disagree,
 // the variable is used and standard output says so, once for each pair of

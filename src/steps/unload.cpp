@@ -43,9 +43,7 @@ bool for_each_table(std::string_view cpTable, Handle handle) {
 std::string image_or_finish(const char* step, const std::string& table) {
     std::string image = table_image_path(table);
     if (image.empty()) {
-        FINISH(RV_ERROR, std::string(step) +
-                             ": directory gv_rw_work unknown (neither global variable nor rv.ini key); table " +
-                             table + " not handled");
+        FINISH(RV_ERROR, std::string(step) + ": " + kWorkDirUnknown + "; table " + table + " not handled");
     }
     return image;
 }
