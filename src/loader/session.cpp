@@ -88,6 +88,23 @@ void Session::make_durable() {
     }
 }
 
+Result Session::query(const std::string& sql) {
+    PGconn* conn = conn_.get();
+    if (PQexitPipelineMode(conn) != 1) {
+        lost();
+    }
+    Result result(PQexec(conn, sql.c_str()));
+    const ExecStatusType status = PQresultStatus(result.get());
+    if (PQstatus(conn) == CONNECTION_BAD || PQenterPipelineMode(conn) != 1) {
+        lost();
+    }
+    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+        throw Stop("database " + database_ + " refused a query of the loader: " +
+                   error_text(result.get()));
+    }
+    return result;
+}
+
 std::optional<std::string> Session::run_simple(const std::string& sql) {
     PGconn* conn = conn_.get();
     if (PQexitPipelineMode(conn) != 1 || PQsendQuery(conn, sql.c_str()) == 0) {

@@ -61,6 +61,10 @@ class Session {
     // failure, nullopt when it succeeded.
     std::optional<std::string> run_simple(const std::string& sql);
 
+    // Runs the single statement `sql` outside the pipeline (idle by then)
+    // and returns its answer; throws Stop when it fails.
+    Result query(const std::string& sql);
+
     // Sends everything queued, reading meanwhile so that neither side can
     // wait for the other with full buffers.
     void flush_all();
