@@ -14,7 +14,8 @@ namespace rv {
 namespace {
 
 constexpr const char* kUsage =
-    "usage: oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT]\n";
+    "usage: oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT] "
+    "[-p POSFILE [-r]]\n";
 
 // The decimal count `text` (digits only, 1 to kLoaderCountMax) into
 // `count`; false when it is not one.
@@ -40,6 +41,10 @@ bool parse_options(int argc, char** argv, LoaderOptions& options) {
             options.file = argv[++i];
         } else if (arg == "-e") {
             options.echo_statement = true;
+        } else if (arg == "-p" && i + 1 < argc && *argv[i + 1] != '\0') {
+            options.position = argv[++i];
+        } else if (arg == "-r") {
+            options.resume = true;
         } else if ((arg == "-b" || arg == "-g") && i + 1 < argc) {
             if (!parse_count(argv[++i], arg == "-b" ? options.batch : options.group)) {
                 return false;
@@ -48,7 +53,7 @@ bool parse_options(int argc, char** argv, LoaderOptions& options) {
             return false;
         }
     }
-    return !options.file.empty();
+    return !options.file.empty() && (!options.resume || !options.position.empty());
 }
 
 }  // namespace

@@ -1,13 +1,14 @@
 // The command line of the loader oaisql:
-// "oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT]".
+// "oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT]
+// [-p POSFILE [-r]]".
 #pragma once
 
 namespace rv {
 
 // Reads the options from `argv` (`argc` entries, the program name first)
 // and runs the loader with stdout and stderr. A missing script, an unknown
-// option or a count that is not a positive number prints the usage to
-// stderr. Returns the exit status of the loader, kLoaderStopped on a
+// option, a count that is not a positive number, -p without a file or -r
+// without -p prints the usage to stderr. Returns the exit status of the loader, kLoaderStopped on a
 // usage error.
 int oaisql_main(int argc, char** argv);
 

@@ -7,12 +7,15 @@
 #include <chrono>
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "loader/insert_shapes.hpp"
 #include "loader/outcome.hpp"
 #include "loader/pipeline.hpp"
+#include "loader/position.hpp"
 #include "loader/script.hpp"
 #include "loader/session.hpp"
 
@@ -27,13 +30,21 @@ constexpr std::chrono::milliseconds kAcknowledgeEvery{200};
 
 class Loader {
   public:
-    // Runs the open `script` with `options`; Error lines go to `out`.
-    Loader(const LoaderOptions& options, std::FILE* out, FilePtr script)
+    // Runs the open `script` with `options`; Error lines go to `out`, notes
+    // to `err`. `resume`: the interrupted run recorded in options.position
+    // to continue, none to start anew.
+    Loader(const LoaderOptions& options, std::FILE* out, std::FILE* err, FilePtr script,
+           std::optional<LoadPosition> resume)
         : options_(options),
+          err_(err),
+          position_(options.position.empty() ? nullptr
+                                             : std::make_unique<PositionFile>(options.position)),
           shapes_(std::max<std::size_t>(1, options.group)),
           units_(std::move(script), std::max<std::size_t>(1, options.batch), shapes_),
-          outcome_(out, options.echo_statement),
-          pipeline_(session_, shapes_, outcome_, std::max<std::size_t>(1, options.batch)) {}
+          outcome_(out, options.echo_statement, position_.get()),
+          pipeline_(session_, shapes_, outcome_, position_.get(),
+                    std::max<std::size_t>(1, options.batch)),
+          resume_(std::move(resume)) {}
 
     // Runs the whole script; throws Stop when it cannot go on.
     void run();
@@ -44,8 +55,17 @@ class Loader {
     // Runs `unit` and returns the unit after it.
     Unit run_unit(Unit unit);
 
+    // Runs the statements of the batch `unit` that the interrupted run did
+    // not take; returns the unit after it.
+    Unit run_batch(Unit unit);
+
     // Switches to `database` (made durable first); throws Stop on failure.
     void connect(const std::string& database);
+
+    // Continuing an interrupted run, on its first connection: asks the
+    // server how far it got, makes that durable, says again the Error lines
+    // it may not have said, and starts the position file from there.
+    void settle();
 
     // Connects to the default database unless a connection is open.
     void ensure_connection();
@@ -59,19 +79,29 @@ class Loader {
 
     // A statement that is not a plain INSERT, UPDATE or DELETE runs by
     // itself through the simple protocol, as its own transaction: schema
-    // changes, settings and several statements on one line all work.
+    // changes, settings and several statements on one line all work. With
+    // a position file it is recorded as pending before, and made durable
+    // after.
     void run_alone(const Statement& statement);
 
     const LoaderOptions& options_;
+    std::FILE* err_;
+    std::unique_ptr<PositionFile> position_;  // none without -p
     InsertShapes shapes_;
     UnitReader units_;
     Outcome outcome_;
     Session session_;
     Pipeline pipeline_;
+    std::optional<LoadPosition> resume_;  // until the first connection settles it
+    std::size_t skip_through_ = 0;        // statements up to this line ran before
+    std::size_t done_line_ = 0;           // the script is done up to this line
     std::chrono::steady_clock::time_point acknowledged_at_;  // when a batch was made durable
 };
 
 void Loader::run() {
+    if (position_ && !resume_) {
+        position_->start(0);
+    }
     Unit unit = units_.next();
     while (unit.kind != Unit::Kind::End) {
         unit = run_unit(std::move(unit));
@@ -80,6 +110,9 @@ void Loader::run() {
     make_durable();
     if (units_.error() != 0) {
         throw Stop("cannot read " + options_.file + ": " + std::strerror(units_.error()));
+    }
+    if (position_) {
+        position_->end(units_.lines());
     }
 }
 
@@ -92,23 +125,36 @@ Unit Loader::run_unit(Unit unit) {
             ensure_connection();
             run_alone(unit.statements.front());
             break;
-        case Unit::Kind::Batch: {
-            ensure_connection();
-            const auto now = std::chrono::steady_clock::now();
-            const bool durable = now - acknowledged_at_ >= kAcknowledgeEvery;
-            pipeline_.start(unit.statements, durable);
-            Unit next = units_.next();  // read on while the server works
-            pipeline_.finish(unit.statements);
-            if (durable) {
-                make_durable();  // rarely left to do: see make_durable
-                acknowledged_at_ = now;
-            }
-            return next;
-        }
+        case Unit::Kind::Batch:
+            return run_batch(std::move(unit));
         case Unit::Kind::End:
             return unit;
     }
     return units_.next();
+}
+
+Unit Loader::run_batch(Unit unit) {
+    ensure_connection();
+    std::vector<Statement>& batch = unit.statements;
+    if (batch.front().line <= skip_through_) {
+        batch.erase(batch.begin(),
+                    std::find_if(batch.begin(), batch.end(),
+                                 [this](const Statement& s) { return s.line > skip_through_; }));
+        if (batch.empty()) {
+            return units_.next();
+        }
+    }
+    const auto now = std::chrono::steady_clock::now();
+    const bool durable = now - acknowledged_at_ >= kAcknowledgeEvery;
+    pipeline_.start(batch, durable);
+    Unit next = units_.next();  // read on while the server works
+    pipeline_.finish(batch);
+    done_line_ = batch.back().line;
+    if (durable) {
+        make_durable();  // rarely left to do: see make_durable
+        acknowledged_at_ = now;
+    }
+    return next;
 }
 
 void Loader::connect(const std::string& database) {
@@ -119,6 +165,25 @@ void Loader::connect(const std::string& database) {
     session_.close();
     session_.open(database);
     shapes_.forget();
+    if (resume_) {
+        settle();
+    }
+}
+
+void Loader::settle() {
+    const std::size_t line = committed_line(session_, *resume_);
+    session_.make_durable();  // what the interrupted run committed may not be on disk yet
+    std::vector<std::pair<std::size_t, std::string>> unsaid;
+    for (auto& [at, text] : resume_->errors) {
+        if (at <= line) {
+            outcome_.report_again(text);
+            unsaid.emplace_back(at, std::move(text));
+        }
+    }
+    position_->start(line, std::move(unsaid));
+    skip_through_ = done_line_ = line;
+    resume_.reset();
+    std::fprintf(err_, "oaisql: continuing %s after line %zu\n", options_.file.c_str(), line);
 }
 
 void Loader::ensure_connection() {
@@ -131,21 +196,52 @@ void Loader::make_durable() {
     if (session_.is_open() && outcome_.awaits_disk()) {
         session_.make_durable();
     }
-    outcome_.acknowledge();
+    outcome_.acknowledge(done_line_);
 }
 
 void Loader::run_alone(const Statement& statement) {
-    if (statement.text.find('\0') != std::string::npos) {
-        outcome_.report(statement, "the statement holds a NUL byte and was not sent");
+    if (statement.line <= skip_through_) {
         return;
     }
-    const std::optional<std::string> error = session_.run_simple(statement.text);
-    shapes_.forget();
-    if (error) {
+    if (position_) {
+        position_->pending(statement.line);
+    }
+    if (statement.text.find('\0') != std::string::npos) {
+        outcome_.report(statement, "the statement holds a NUL byte and was not sent");
+    } else if (const std::optional<std::string> error = session_.run_simple(statement.text)) {
         outcome_.report(statement, *error);
     } else {
         outcome_.add_succeeded(1);
     }
+    shapes_.forget();
+    done_line_ = statement.line;
+    if (position_) {
+        make_durable();
+    }
+}
+
+// The interrupted run that options.position records into `resume`, with
+// -r; returns the exit status when there is nothing to run, -1 to go on.
+int read_resume(const LoaderOptions& options, std::FILE* out, std::FILE* err,
+                std::optional<LoadPosition>& resume) {
+    if (!options.resume) {
+        return -1;
+    }
+    std::string why;
+    resume = read_load_position(options.position, &why);
+    if (!why.empty()) {
+        std::fprintf(err, "oaisql: %s\n", why.c_str());
+        print_summary(out, 0, 0, true);
+        return kLoaderStopped;
+    }
+    if (!resume) {
+        std::fprintf(err, "oaisql: no position file %s: loading %s from its first line\n",
+                     options.position.c_str(), options.file.c_str());
+    } else if (resume->ended) {
+        print_summary(out, 0, 0, false);
+        return kLoaderAllDone;
+    }
+    return -1;
 }
 
 }  // namespace
@@ -156,10 +252,21 @@ int run_loader(const LoaderOptions& options, std::FILE* out, std::FILE* err) {
         const int cause = errno;
         std::fprintf(err, "oaisql: cannot read %s: %s\n", options.file.c_str(),
                      std::strerror(cause));
+        try {
+            if (!options.position.empty() && !options.resume) {
+                PositionFile(options.position).start(0);  // a run begun: none to continue
+            }
+        } catch (const Stop& stop) {
+            std::fprintf(err, "oaisql: %s\n", stop.what());
+        }
         print_summary(out, 0, 0, true);
         return kLoaderStopped;
     }
-    Loader loader(options, out, std::move(script));
+    std::optional<LoadPosition> resume;
+    if (const int status = read_resume(options, out, err, resume); status >= 0) {
+        return status;
+    }
+    Loader loader(options, out, err, std::move(script), std::move(resume));
     try {
         loader.run();
     } catch (const Stop& stop) {

@@ -3,6 +3,8 @@
 // one output line containing "Error" (and no other line does), every
 // statement that succeeds on its own is committed exactly once, and a
 // summary line closes the output. Exit status: 0, 1 (failures) or 2.
+// With a position file (-p) it records how far it got, and continues an
+// interrupted run from there (-r): see position.hpp.
 #pragma once
 
 #include <cstddef>
@@ -30,10 +32,16 @@ struct LoaderOptions {
     bool echo_statement = false;       // -e: add the failing statement to its Error line
     std::size_t batch = kLoaderBatch;  // statements per commit, at least 1
     std::size_t group = kLoaderGroup;  // rows per multi-row INSERT, 1: none
+    std::string position;              // -p: the position file, empty: none
+    bool resume = false;               // -r: continue the run recorded there
 };
 
 // Runs the script of `options`; Error lines and the summary go to `out`,
-// the reason of a stop to `err`. Returns one of the exit statuses above.
+// the reason of a stop and notes on the position to `err`. Returns one of
+// the exit statuses above: a position file that cannot be read or parsed,
+// or whose transactions the server cannot tell, stops the run (2) before
+// anything is loaded; one that says the script ran to its end loads nothing
+// (0).
 int run_loader(const LoaderOptions& options, std::FILE* out, std::FILE* err);
 
 }  // namespace rv

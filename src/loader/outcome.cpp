@@ -4,17 +4,24 @@
 namespace rv {
 
 void Outcome::report(const Statement& statement, const std::string& message) {
-    ++pending_failed_;
     // The line ends at a NUL byte of the statement, as printed text would.
-    pending_lines_.append("Error in line ").append(std::to_string(statement.line)).append(": ");
-    pending_lines_.append(message.c_str());
+    std::string line = "Error in line " + std::to_string(statement.line) + ": ";
+    line.append(message.c_str());
     if (echo_statement_) {
-        pending_lines_.append(" | statement: ").append(statement.text.c_str());
+        line.append(" | statement: ").append(statement.text.c_str());
     }
-    pending_lines_ += '\n';
+    if (position_ != nullptr) {
+        position_->error(statement.line, line);
+    }
+    report_again(line);
 }
 
-void Outcome::acknowledge() {
+void Outcome::report_again(const std::string& line) {
+    ++pending_failed_;
+    pending_lines_.append(line) += '\n';
+}
+
+void Outcome::acknowledge(std::size_t through) {
     succeeded_ += pending_succeeded_;
     failed_ += pending_failed_;
     pending_succeeded_ = 0;
@@ -23,6 +30,9 @@ void Outcome::acknowledge() {
         std::fwrite(pending_lines_.data(), 1, pending_lines_.size(), out_);
         std::fflush(out_);  // the caller reads them as they come
         pending_lines_.clear();
+    }
+    if (position_ != nullptr) {
+        position_->durable(through);
     }
 }
 

@@ -3,7 +3,9 @@
 #include "loader/pipeline.hpp"
 
 #include <algorithm>
+#include <cstdlib>
 
+#include "loader/position.hpp"
 #include "loader/session.hpp"
 
 namespace rv {
@@ -13,6 +15,14 @@ namespace {
 // Sent last in a segment, this makes its commit wait for the disk; the
 // setting ends with the transaction.
 constexpr const char* kWaitForDisk = "SELECT set_config('synchronous_commit', 'on', true)";
+// Sent after it where a position file records the commit.
+constexpr const char* kTransactionId = "SELECT txid_current()";
+
+// Queues `sql` as a query of its own in the pipeline; false when libpq
+// cannot.
+bool send_own(PGconn* conn, const char* sql) {
+    return PQsendQueryParams(conn, sql, 0, nullptr, nullptr, nullptr, nullptr, 0) == 1;
+}
 
 bool has_backslash(const std::vector<std::optional<std::string>>& values) {
     return std::any_of(values.begin(), values.end(), [](const std::optional<std::string>& v) {
@@ -87,8 +97,11 @@ int Pipeline::send_prepared(const std::vector<Statement>& batch, std::size_t fir
 
 void Pipeline::send_segment(const std::vector<Statement>& batch, std::size_t lo, std::size_t hi,
                             bool literal) {
+    if (!in_flight_.empty() && !in_flight_.back().synced) {
+        sync_recorded(in_flight_.back());  // these statements must not join its transaction
+    }
     ++segment_;
-    Segment segment{lo, hi, {}, durable_ && hi == batch.size()};
+    Segment segment{lo, hi, batch[hi - 1].line, {}, durable_ && hi == batch.size()};
     PGconn* conn = session_.get();
     for (std::size_t i = lo; i < hi;) {
         const Statement& statement = batch[i];
@@ -110,19 +123,26 @@ void Pipeline::send_segment(const std::vector<Statement>& batch, std::size_t lo,
         i += rows;
     }
     if (segment.durable) {
-        if (PQsendQueryParams(conn, kWaitForDisk, 0, nullptr, nullptr, nullptr, nullptr, 0) == 0) {
+        segment.sent.push_back({hi, 0, -1});
+        if (!send_own(conn, kWaitForDisk)) {
             session_.lost();
         }
-        segment.sent.push_back({hi, 0, -1});
     }
-    if (PQpipelineSync(conn) == 0) {
+    if (position_ != nullptr) {
+        segment.sent.push_back({hi, 0, -1, true});
+        if (!send_own(conn, kTransactionId) || PQsendFlushRequest(conn) == 0) {
+            session_.lost();
+        }
+    } else if (PQpipelineSync(conn) == 0) {
         session_.lost();
+    } else {
+        segment.synced = true;
     }
     session_.flush_all();
     in_flight_.push_back(std::move(segment));
 }
 
-void Pipeline::collect_one(const Sent& item, std::optional<Failure>& failure) {
+void Pipeline::collect_one(const Sent& item, Segment& segment) {
     PGconn* conn = session_.get();
     const Result result(PQgetResult(conn));
     if (!result) {
@@ -135,38 +155,61 @@ void Pipeline::collect_one(const Sent& item, std::optional<Failure>& failure) {
             session_.lost();
         }
         if (item.rows == 0) {
-            throw Stop("cannot make the loaded rows durable in database " + session_.database() +
-                       ": " + error_text(result.get()));
+            throw Stop("cannot " + std::string(item.txid ? "record" : "make durable") +
+                       " the loaded rows in database " + session_.database() + ": " +
+                       error_text(result.get()));
         }
-        if (!failure) {
-            failure = Failure{item.index, item.rows, error_text(result.get())};
+        if (!segment.failure) {
+            segment.failure = Failure{item.index, item.rows, error_text(result.get())};
         }
     } else if (status != PGRES_PIPELINE_ABORTED && item.parse >= 0) {
         shapes_[item.parse].ready = true;
+    } else if (status == PGRES_TUPLES_OK && item.txid && PQntuples(result.get()) == 1) {
+        segment.xid = std::strtoull(PQgetvalue(result.get(), 0, 0), nullptr, 10);
     }
     if (Result(PQgetResult(conn))) {
         throw Stop("unexpected answer from database " + session_.database());
     }
 }
 
-std::optional<Pipeline::Failure> Pipeline::collect_segment() {
-    const Segment segment = std::move(in_flight_.front());
-    in_flight_.pop_front();
-    std::optional<Failure> failure;
+void Pipeline::sync_recorded(Segment& segment) {
     for (const Sent& item : segment.sent) {
-        collect_one(item, failure);
+        collect_one(item, segment);
+    }
+    segment.answered = true;
+    if (!segment.failure) {
+        if (segment.xid == 0) {
+            throw Stop("no transaction id from database " + session_.database());
+        }
+        position_->commit(segment.line, segment.xid);
+    }
+    if (PQpipelineSync(session_.get()) == 0) {
+        session_.lost();
+    }
+    session_.flush_all();
+    segment.synced = true;
+}
+
+std::optional<Pipeline::Failure> Pipeline::collect_segment() {
+    Segment segment = std::move(in_flight_.front());
+    in_flight_.pop_front();
+    if (!segment.synced) {
+        sync_recorded(segment);
+    }
+    for (std::size_t i = 0; !segment.answered && i < segment.sent.size(); ++i) {
+        collect_one(segment.sent[i], segment);
     }
     const Result sync(PQgetResult(session_.get()));
     if (!sync || PQresultStatus(sync.get()) != PGRES_PIPELINE_SYNC) {
         session_.lost();
     }
-    if (!failure) {
+    if (!segment.failure) {
         outcome_.add_succeeded(segment.hi - segment.lo);
         if (segment.durable) {
-            outcome_.acknowledge();
+            outcome_.acknowledge(segment.line);
         }
     }
-    return failure;
+    return segment.failure;
 }
 
 void Pipeline::run_range(const std::vector<Statement>& batch, std::size_t lo, std::size_t hi) {
@@ -204,10 +247,11 @@ std::size_t Pipeline::isolate(const std::vector<Statement>& batch, std::size_t l
     }
     // [lo, k) was rolled back with it: commit it again, then run the
     // failing statement alone so that it reports by itself; what follows
-    // need not wait for that answer.
+    // need not wait for that answer, unless a position file is to have the
+    // failure before a commit beyond it.
     run_range(batch, lo, k);
     send_segment(batch, k, k + 1, true);
-    if (k + 1 < hi) {
+    if (k + 1 < hi && position_ == nullptr) {
         send_segment(batch, k + 1, std::min(hi, k + 1 + window_), false);
     }
     if (const std::optional<Failure> alone = collect_segment()) {

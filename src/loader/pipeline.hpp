@@ -7,9 +7,16 @@
 // for the disk, except the one that ends a durable batch: its commit waits,
 // which makes everything committed before it durable as well, and only then
 // is the outcome told to acknowledge.
+//
+// With a position file, a segment also asks for its transaction's id and
+// flushes instead of closing with the sync; once the answers up to the id
+// are in, the id and the line the segment reaches go to the file, and only
+// then is the sync sent. The answers are read when the segment is collected
+// or the next one is sent, whichever comes first.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <optional>
 #include <string>
@@ -22,15 +29,23 @@
 
 namespace rv {
 
+class PositionFile;
 class Session;
 
 class Pipeline {
   public:
     // Sends through `session` (open whenever a batch runs), prepares the
-    // shapes of `shapes`, counts and reports into `outcome`; segments hold
-    // at most `batch` (>= 1) statements.
-    Pipeline(Session& session, InsertShapes& shapes, Outcome& outcome, std::size_t batch)
-        : session_(session), shapes_(shapes), outcome_(outcome), batch_(batch), window_(batch) {}
+    // shapes of `shapes`, counts and reports into `outcome`, records each
+    // commit in `position` (when not null); segments hold at most `batch`
+    // (>= 1) statements.
+    Pipeline(Session& session, InsertShapes& shapes, Outcome& outcome, PositionFile* position,
+             std::size_t batch)
+        : session_(session),
+          shapes_(shapes),
+          outcome_(outcome),
+          position_(position),
+          batch_(batch),
+          window_(batch) {}
 
     // Sends the first segment of `batch`, so that the server can work while
     // the next unit is read; when `durable`, the commit of its last segment
@@ -43,20 +58,14 @@ class Pipeline {
 
   private:
     // A message sent in the current segment: the Parse of prepared statement
-    // `parse` (when >= 0), or statements [index, index + rows) of the batch.
+    // `parse` (when >= 0), statements [index, index + rows) of the batch, or
+    // (rows 0) the loader's own query: the wait for the disk, or (`txid`)
+    // the transaction's id.
     struct Sent {
         std::size_t index;
         std::size_t rows;
         int parse;
-    };
-
-    // Statements [lo, hi) of a batch sent as one transaction, and its
-    // messages; a `durable` one waits for the disk when it commits.
-    struct Segment {
-        std::size_t lo;
-        std::size_t hi;
-        std::vector<Sent> sent;
-        bool durable;
+        bool txid = false;
     };
 
     // The first failing message of a segment: the statements it carried.
@@ -64,6 +73,22 @@ class Pipeline {
         std::size_t index;
         std::size_t rows;
         std::string message;
+    };
+
+    // Statements [lo, hi) of a batch sent as one transaction, up to script
+    // line `line`, and its messages; a `durable` one waits for the disk when
+    // it commits. Unless `synced`, the sync is still to be sent; once
+    // `answered`, the answers before it are read into `failure` and `xid`.
+    struct Segment {
+        std::size_t lo;
+        std::size_t hi;
+        std::size_t line;
+        std::vector<Sent> sent;
+        bool durable;
+        bool synced = false;
+        bool answered = false;
+        std::optional<Failure> failure = std::nullopt;
+        std::uint64_t xid = 0;
     };
 
     // Whether `statement` goes as its prepared shape with parameters: when
@@ -95,10 +120,15 @@ class Pipeline {
     void send_segment(const std::vector<Statement>& batch, std::size_t lo, std::size_t hi,
                       bool literal);
 
-    // Reads the answer to message `item`; the first failure of its segment
-    // goes to `failure`. Throws Stop when the connection is lost or the
-    // server answers more than once.
-    void collect_one(const Sent& item, std::optional<Failure>& failure);
+    // Reads the answer to message `item` of `segment`: its first failure
+    // goes to segment.failure, its id to segment.xid. Throws Stop when the
+    // connection is lost or the server answers more than once.
+    void collect_one(const Sent& item, Segment& segment);
+
+    // Reads the answers to `segment` (sent with a flush, not synced yet),
+    // records its commit unless it failed, and sends the sync. Throws Stop
+    // when the connection is lost or the position file cannot be written.
+    void sync_recorded(Segment& segment);
 
     // Reads the answers to the oldest segment on its way; the first
     // failure, if any (the server skips everything after it up to the sync).
@@ -121,6 +151,7 @@ class Pipeline {
     Session& session_;
     InsertShapes& shapes_;
     Outcome& outcome_;
+    PositionFile* position_;
     std::size_t batch_;
     std::size_t window_;  // statements per segment: halves after a failure, grows back slowly
     std::size_t segment_ = 0;

@@ -49,6 +49,9 @@ class ScriptReader {
     // The errno of a failed read, 0 when there was none.
     int error() const { return error_; }
 
+    // The number of lines read so far.
+    std::size_t lines() const { return number_; }
+
   private:
     struct MallocFree {
         void operator()(char* p) const { std::free(p); }
@@ -74,6 +77,9 @@ class UnitReader {
 
     // The errno of a failed read, 0 when there was none.
     int error() const { return reader_.error(); }
+
+    // The number of lines read so far: at the end, the script's last line.
+    std::size_t lines() const { return reader_.lines(); }
 
   private:
     std::optional<Statement> read_statement();

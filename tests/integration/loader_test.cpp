@@ -1,15 +1,19 @@
 // The loader oaisql against a real server: both script forms, exact values,
 // failing statements isolated and everything else committed once, file
-// order, schema changes in the middle of a script, the exit statuses, and
-// what it acknowledged before a crash of the server.
+// order, schema changes in the middle of a script, the exit statuses, what
+// it acknowledged before a crash of the server, and the continuation of an
+// interrupted load from its position file.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <signal.h>
 
+#include <functional>
 #include <regex>
 #include <set>
+#include <sstream>
 
+#include "loader/position.hpp"
 #include "support/pgcluster.hpp"
 
 namespace {
@@ -19,6 +23,13 @@ using rvtest::PgRows;
 using Lines = std::vector<std::string>;
 
 std::string value(const std::string& sql, const std::string& db = "ravik_db") { return *pg_query(db, sql).at(0).at(0); }
+// The Error lines of `out`, without their line feeds.
+Lines error_lines(const std::string& out) {
+    Lines lines;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) if (line.starts_with("Error")) lines.push_back(line);
+    return lines;
+}
 // Exit status and standard output, to compare at once.
 auto outcome(const rvtest::RunResult& r) { return std::tie(r.status, r.out); }
 
@@ -94,8 +105,10 @@ TEST_F(DbLoader, FailingStatementsAreReportedAloneAndTheRestCommittedOnce) {
     }
     // Statements per commit and rows per INSERT: one by one, small groups
     // in small commits, the defaults (a group of 50 rows, then single rows).
-    const Lines settings[] = {{"-b", "1", "-g", "1"}, {"-b", "4", "-g", "3"}, {"-b", "9", "-g", "2"},
-                              {"-b", "1000", "-g", "1"}, {}};
+    // Recording the position changes none of it.
+    const std::string pos = box.path("work/db_media.pos");
+    const Lines settings[] = {{"-b", "1", "-g", "1"}, {"-b", "4", "-g", "3", "-p", pos}, {"-b", "9", "-g", "2"},
+                              {"-b", "1000", "-g", "1"}, {}, {"-p", pos}};
     for (Lines args : settings) {
         args.push_back("-e");
         pg_query("ravik_db", "truncate media");
@@ -138,7 +151,7 @@ TEST_F(DbLoader, StatementsAndSchemaChangesTakeEffectInFileOrder) {
         "INSERT INTO media (id,slot) VALUES ('5','50');\n"
         "DROP TABLE IF EXISTS pool; CREATE TABLE pool (name text);\nINSERT INTO pool (name) VALUES ('p1');\n"
         "ALTER TABLE media DROP COLUMN slot;\nINSERT INTO media (id,slot) VALUES ('6','60');\n"
-        "SELECT no_such_function();\nUPDATE media SET note = 'last' WHERE id = 3;\n");
+        "SELECT no_such_function();\nUPDATE media SET note = 'last' WHERE id = 3;\n", {"-e", "-p", box.path("work/p")});
     EXPECT_EQ(outcome(r), std::make_tuple(1,
         "Error in line 8: duplicate key value violates unique constraint \"media_pkey\" (Key (id)=(3) already "
         "exists.) | statement: INSERT INTO media (id,label) VALUES ('3','dup');\nError in line 16: column \"slot\" of "
@@ -153,14 +166,24 @@ TEST_F(DbLoader, StatementsAndSchemaChangesTakeEffectInFileOrder) {
 TEST_F(DbLoader, UnreadableScriptsBadCommandLinesAndFailedConnectsStopWithStatus2) {
     const std::string missing = box.path("work/no_such.tmp"), row = "INSERT INTO media (id) VALUES ('1');\n";
     const std::string stopped = "oaisql: 0 statements, 0 succeeded, 0 failed, stopped\n";
-    const std::string usage = "usage: oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT]\n";
+    const std::string usage =
+        "usage: oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT] [-p POSFILE [-r]]\n";
+    const std::string torn = box.path("work/torn.pos"), folder = box.path("work"), ended = box.path("work/e.pos");
     rvtest::write_file(file, row);
+    rvtest::write_file(torn, "oaisql-position 1\ncommit 1 700\n");
+    rvtest::write_file(ended, "oaisql-position 1\ndurable 1\nend 1\n");
     // The reason of a failed connect is the client library's.
     std::vector<std::tuple<Lines, rvtest::Env, std::string, std::string>> cases{
         {{"-c", missing, "-e"}, {}, stopped, "oaisql: cannot read " + missing + ": No such file or directory\n"},
         {{"-c", file}, {{"PGHOST", box.path("no_socket_here")}}, stopped,
          "oaisql: cannot connect to database ravik_db: "},
-        {{"-e"}, {}, "", usage}, {{"-c", missing, "-x"}, {}, "", usage}};
+        {{"-e"}, {}, "", usage}, {{"-c", missing, "-x"}, {}, "", usage},
+        // A position file to continue from that is none: nothing is loaded.
+        {{"-c", file, "-p", torn, "-r"}, {}, stopped, "oaisql: " + torn + " is no position file of oaisql: line 2 "},
+        {{"-c", file, "-p", folder, "-r"}, {}, stopped, "oaisql: cannot read " + folder + ": Is a directory\n"},
+        // A run begun, though it stopped at once: the one before is not to be continued.
+        {{"-c", missing, "-p", ended}, {}, stopped, "oaisql: cannot read " + missing},
+        {{"-c", file, "-r"}, {}, "", usage}, {{"-c", file, "-p"}, {}, "", usage}, {{"-c", file, "-p", ""}, {}, "", usage}};
     // Counts are digits only and at most a million: no sign, no blank, no wrap.
     for (const char* count : {"-1", " 2", "+2", "0", "1000001", "18446744073709551617"})
         cases.push_back({{"-c", missing, "-b", count}, {}, "", usage});
@@ -170,6 +193,7 @@ TEST_F(DbLoader, UnreadableScriptsBadCommandLinesAndFailedConnectsStopWithStatus
         EXPECT_EQ(std::make_tuple(r.status, r.out, r.err.substr(0, err.size())), std::make_tuple(2, out, err))
             << r.err;
     }
+    EXPECT_FALSE(rv::read_load_position(ended)->ended);
 
     // A later connect to another database: what ran before stays.
     rvtest::pg_recreate_db("ravik_other");
@@ -220,6 +244,93 @@ TEST_F(DbLoader, EverythingAcknowledgedBeforeACrashIsThereAfterIt) {
     EXPECT_EQ(r.out, errors + summary.str(0));
     EXPECT_EQ(value("select count(*) || ' ' || count(distinct seq) from ev where seq <= " + std::to_string(settled)),
               summary.str(2) + " " + summary.str(2));
+}
+
+TEST_F(DbLoader, AContinuationTakesUpAfterWhatTheRecordedRunCommitted) {
+    // Line 3 fails; line 7 runs alone.
+    rvtest::write_file(file, ev_rows(6, [](int i) { return i == 3; }) +
+                                 "DELETE FROM ev WHERE seq = 1; INSERT INTO ev (seq,val) VALUES ('7','1');\n");
+    const std::string pos = box.path("work/db_ev.pos"), head = "oaisql-position 1\n";
+    const std::string committed = value("select txid_current()"), later = std::to_string(std::stoll(committed) + 100000);
+    const std::string summary = "oaisql: 7 statements, 6 succeeded, 1 failed\n";
+    // Position file (none: no file), output and rows of the continuation.
+    const std::tuple<std::optional<std::string>, std::string, std::string> cases[] = {
+        {std::nullopt, ev_refused(3) + summary, "2 4 5 6 7"},
+        // Transactions up to line 4 committed, the one of line 5 never began;
+        // a record cut short counts for nothing. The Error line recorded but
+        // not yet said comes again.
+        {head + "durable 1\nerror 3 Error in line 3: refused\ncommit 4 " + committed + "\ncommit 5 " + later +
+             "\ncommit 6 " + committed,
+         "Error in line 3: refused\noaisql: 4 statements, 3 succeeded, 1 failed\n", "5 6 7"},
+        // What ran alone may not have committed, and runs again.
+        {head + "durable 6\npending 7\n", "oaisql: 1 statements, 1 succeeded, 0 failed\n", "7"},
+        {head + "durable 7\nend 7\n", "oaisql: 0 statements, 0 succeeded, 0 failed\n", ""},
+    };
+    for (const auto& [recorded, out, rows] : cases) {
+        pg_query("ravik_db", "truncate ev");
+        std::remove(pos.c_str());
+        if (recorded) rvtest::write_file(pos, *recorded);
+        const auto r = rvtest::run({rvtest::bin("oaisql"), "-c", file, "-p", pos, "-r"});
+        EXPECT_EQ(std::tie(r.status, r.out), std::make_tuple(out.find("Error") == 0 ? 1 : 0, out)) << r.err;
+        EXPECT_EQ(r.err.starts_with("oaisql: no position file " + pos + ": loading " + file + " from its first line"),
+                  !recorded) << r.err;
+        EXPECT_EQ(value("select coalesce(string_agg(seq::text, ' ' order by seq), '') from ev"), rows);
+        const auto now = rv::read_load_position(pos);
+        EXPECT_TRUE(now && now->ended && now->durable == 7 && now->last == 7 && now->errors.empty()) << recorded.value_or("no file");
+    }
+}
+
+TEST_F(DbLoader, AnInterruptedLoadContinuesWithEveryStatementOnce) {
+    const auto refused = [](int i) { return i % 997 == 0; };
+    rvtest::write_file(file, ev_rows(200000, refused));
+    Lines all;
+    for (int i = 997; i <= 200000; i += 997) all.push_back(ev_refused(i).substr(0, ev_refused(i).size() - 1));
+    const std::string pos = box.path("work/db_ev.pos");
+    pid_t writer = 0;  // held, as in the crash test above, so that a crash loses what no commit waited for
+    struct UpAgain {  // whatever happens, the other tests find the server up
+        const pid_t& writer;
+        ~UpAgain() {
+            kill(writer, SIGCONT);
+            EXPECT_TRUE(rvtest::pg_cluster("restart"));
+        }
+    } up_again{writer};
+    // Killed with its caller, or the server crashed under it.
+    const std::pair<const char*, std::function<void(pid_t)>> interruptions[] = {
+        {"killed", [&](pid_t loader) { kill(loader, SIGKILL), kill(writer, SIGCONT); }},
+        {"crashed", [&](pid_t) { EXPECT_TRUE(rvtest::pg_cluster("crash", writer)); }}};
+    for (const auto& [what, interrupt] : interruptions) {
+        SCOPED_TRACE(what);
+        pg_query("ravik_db", "truncate ev");
+        writer = std::stoi(value("select pid from pg_stat_activity where backend_type = 'walwriter'"));
+        ASSERT_EQ(kill(writer, SIGSTOP), 0);
+        rvtest::Background loader({rvtest::bin("oaisql"), "-c", file, "-p", pos});
+        ASSERT_TRUE(rvtest::eventually([] { return std::stoi(value("select count(*) from ev")) >= 30000; }));
+        interrupt(loader.pid());
+        const auto first = loader.wait();
+        ASSERT_TRUE(rvtest::pg_cluster("restart"));
+        const auto recorded = rv::read_load_position(pos);
+        ASSERT_TRUE(recorded && !recorded->ended) << first.out << first.err;
+
+        const auto second = rvtest::run({rvtest::bin("oaisql"), "-c", file, "-p", pos, "-r"});
+        std::smatch at;
+        ASSERT_TRUE(std::regex_search(second.err, at, std::regex("^oaisql: continuing .* after line (\\d+)\n$")))
+            << second.err;
+        // First the Error lines recorded but maybe not said up to there, then
+        // those of the statements after it.
+        Lines said;
+        for (const auto& [line, text] : recorded->errors) if (line <= std::stoul(at[1])) said.push_back(text);
+        for (int i = 997; i <= 200000; i += 997) if (i > std::stoi(at[1])) said.push_back(all[i / 997 - 1]);
+        EXPECT_EQ(error_lines(second.out), said);
+        // So every one is said, and only that one again that the first run
+        // said and had not recorded as said when it ended.
+        said = error_lines(first.out);
+        for (const std::string& line : error_lines(second.out))
+            if (std::find(said.begin(), said.end(), line) == said.end()) said.push_back(line);
+        EXPECT_EQ(said, all);
+        EXPECT_EQ(second.status, 1);
+        EXPECT_EQ(value("select count(*) || ' ' || count(distinct seq) from ev"), "199800 199800");
+        EXPECT_TRUE(rv::read_load_position(pos)->ended);
+    }
 }
 
 }  // namespace
