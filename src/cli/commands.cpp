@@ -11,10 +11,12 @@
 #include "db/exec_statement.hpp"
 #include "log/finish.hpp"
 #include "log/trace.hpp"
+#include "sys/durable_append.hpp"
 #include "sys/strings.hpp"
 #include "sys/timefmt.hpp"
 #include "update/checkenv.hpp"
 #include "update/driver.hpp"
+#include "update/journal.hpp"
 #include "update/run_lock.hpp"
 
 namespace rv {
@@ -30,6 +32,7 @@ constexpr std::size_t kPosDowngrade = 7;
 constexpr std::size_t kPosDbBackup = 17;
 constexpr std::size_t kPosDbRestore = 27;
 constexpr std::size_t kPosSetParamsFix = 38;
+constexpr std::size_t kPosResume = 53;
 
 // Length of the update date written into params_fix: down to the minute.
 constexpr std::size_t kUpdateDateLength = 12;
@@ -62,6 +65,36 @@ void run_archive_command(const std::string& cmd) {
     start_system(run);
 }
 
+// Set for the run that `resume` continues: the journal goes on instead of
+// starting afresh.
+bool gResuming = false;
+
+// Runs the section `section` of the command `command` under the run
+// journal: an unfinished run refuses a new one; a run that ends early stays
+// unfinished, with the reason recorded.
+void run_recorded(const char* command, const std::string& section) {
+    if (!gResuming) {
+        refuse_unfinished_run(pathes.var_work);
+        journal_start(pathes.var_work, {command, pathes.version_old, pathes.version, rvdb_ini,
+                                        file_digest(rvdb_ini), {}, {}, {}, {}, {}, false});
+    }
+    try {
+        iDbUpdate(section);
+    } catch (const Fatal& fatal) {
+        journal_stopped(fatal.what());
+        throw;
+    }
+    journal_finished();
+}
+
+void update_section() {
+    glbvVersion = main_version(pathes.version);
+    std::printf("Update main version: %s\n", glbvVersion->c_str());
+    std::printf("[Update from %s to %s]\n", pathes.version_old.c_str(), pathes.version.c_str());
+    std::fflush(stdout);
+    run_recorded("update", "Update " + *glbvVersion);
+}
+
 int cmd_update(int argc, char** argv) {
     if (argc > 2) {
         pathes.version_old = argv[2];
@@ -70,33 +103,58 @@ int cmd_update(int argc, char** argv) {
         pathes.version = argv[3];
     }
     checkenv(pathes.version_old, pathes.version);
-    glbvVersion = main_version(pathes.version);
-    std::printf("Update main version: %s\n", glbvVersion->c_str());
-    std::printf("[Update from %s to %s]\n", pathes.version_old.c_str(), pathes.version.c_str());
-    std::fflush(stdout);
-    iDbUpdate("Update " + *glbvVersion);
+    update_section();
     return 0;
 }
 
-int cmd_downgrade() {
-    checkenv(pathes.version_old, pathes.version);
+void downgrade_section() {
     const std::string& newv = pathes.version;
     const std::string& oldv = pathes.version_old;
     if (newv.find("1.6.4.") != std::string::npos) {
         if (oldv.find("1.6.2.") != std::string::npos) {
             std::printf("[Downgrade from 1.6.4 to 1.6.2]\n");
             std::fflush(stdout);
-            iDbUpdate("Downgrade 1.6.4.");
+            run_recorded("downgrade", "Downgrade 1.6.4.");
         }
     } else if (newv.find("2.0.1.") != std::string::npos) {
         if (oldv.find("1.6.3.") != std::string::npos) {
             std::printf("[Downgrade from 2.0.1 to 1.6.3]\n");
             std::fflush(stdout);
-            iDbUpdate("Downgrade 2.0.1.");
+            run_recorded("downgrade", "Downgrade 2.0.1.");
         }
     } else {
         FINISH(RV_ERROR, "Es sind keine Downgrade Informationen fuer diese Version verfuegbar.");
     }
+}
+
+int cmd_downgrade() {
+    checkenv(pathes.version_old, pathes.version);
+    downgrade_section();
+    return 0;
+}
+
+// Continues the unfinished run of the installation with its releases and
+// its sections; a changed update script is refused.
+int cmd_resume() {
+    check_installation();
+    const std::optional<JournalRun> run = read_journal(pathes.var_work);
+    if (!run || run->finished) {
+        std::printf("nothing to resume\n");
+        return 0;
+    }
+    if (run->script != rvdb_ini || file_digest(rvdb_ini) != run->digest) {
+        FINISH(RV_ERROR, "resume refused: the update script " + run->script +
+                             " changed since the interrupted run started (" + run->started +
+                             "); remove " + journal_path(pathes.var_work) + " to discard that run");
+    }
+    pathes.version_old = run->version_old;
+    pathes.version = run->version;
+    check_versions(pathes.version_old, pathes.version);
+    std::printf("[Resume %s from %s to %s, started %s]\n", run->command.c_str(), run->version_old.c_str(),
+                run->version.c_str(), run->started.c_str());
+    journal_resume(pathes.var_work, *run);
+    gResuming = true;
+    run->command == "update" ? update_section() : downgrade_section();
     return 0;
 }
 
@@ -155,6 +213,7 @@ int run_command(int argc, char** argv) {
 
     pathes.version_old.clear();
     pathes.version.clear();
+    gResuming = false;
     int ret = 0;
     switch (kCommandList.find(argv[1])) {
         case kPosUpdate:
@@ -171,6 +230,9 @@ int run_command(int argc, char** argv) {
             break;
         case kPosSetParamsFix:
             ret = cmd_set_params_fix();
+            break;
+        case kPosResume:
+            ret = cmd_resume();
             break;
         default:
             FINISH(RV_WARNING, usage_text(argv[0], kCommandList));

@@ -262,13 +262,29 @@ void write_inserts(std::FILE* in, AtomicFile& out, const std::string& table,
     }
 }
 
+// Whether `file` starts as the INSERT scripts of this step do: the image
+// was changed already.
+bool already_changed(const std::string& file) {
+    FilePtr in(std::fopen(file.c_str(), "r"));
+    std::string first;
+    return in && read_line(in.get(), first, LineFeed::keep) && first == kChangeScriptStart;
+}
+
 }  // namespace
 
-void db_change(std::string_view cpTable) {
+void db_change(std::string_view cpTable, bool rerun) {
     const std::string table(cpTable);
     const std::string file = table_image_path(table);
     if (file.empty()) {
         refuse(table, kWorkDirUnknown);
+    }
+    if (rerun && already_changed(file)) {
+        WRITE_TRACE(1, "change table %s: %s was written before the interruption, not changed again", table.c_str(),
+                    file.c_str());
+        std::printf("change table %s: %s was written before the interruption, not changed again\n", table.c_str(),
+                    file.c_str());
+        std::fflush(stdout);
+        return;
     }
     WRITE_TRACE(2, "<iRead_columns_and_values> szTable: %s", table.c_str());
     WRITE_TRACE(2, "<iRead_columns_and_values> try to open file: %s", file.c_str());
@@ -288,7 +304,7 @@ void db_change(std::string_view cpTable) {
         WRITE_TRACE(1, "- can not open file %s return false", out.temp().c_str());
         script_not_written(table, out);
     }
-    std::fputs("connect ravik_db\n", out.stream());
+    std::fputs(std::string(kChangeScriptStart).c_str(), out.stream());
     if (in) {
         write_inserts(in.get(), out, table, file, keys);
     }

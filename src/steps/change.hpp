@@ -33,8 +33,13 @@ struct strRow {
     std::vector<strColumns> columns;
 };
 
-// The change step for `cpTable`. Fatal conditions end the run via FINISH.
-void db_change(std::string_view cpTable);
+// The first line of every INSERT script the change step writes.
+inline constexpr std::string_view kChangeScriptStart = "connect ravik_db\n";
+
+// The change step for `cpTable`. A `rerun` (the step was interrupted) whose
+// image is already the INSERT script leaves it alone: the change is not
+// applied twice. Fatal conditions end the run via FINISH.
+void db_change(std::string_view cpTable, bool rerun = false);
 
 // Reads the image line `line` into `row`. Returns false with the reason in
 // `why` when the line is malformed or beyond the limits (the German console

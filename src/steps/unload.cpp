@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -127,7 +128,20 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
     return 1;
 }
 
-int db_load(std::string_view cpDatabase, std::string_view cpTable) {
+std::string load_position_path(const std::string& image) { return image + ".pos"; }
+
+void remove_load_positions(const std::string& work_dir) {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(work_dir, error)) {
+        const std::string name = entry.path().filename().string();
+        if (name.starts_with("db_") && name.ends_with(".tmp.pos")) {
+            std::filesystem::remove(entry.path(), error);
+            WRITE_TRACE(2, "removed the load position %s", entry.path().c_str());
+        }
+    }
+}
+
+int db_load(std::string_view cpDatabase, std::string_view cpTable, bool rerun) {
     (void)cpDatabase;
     const std::string list(cpTable);
     WRITE_TRACE(1, "+++ import for %s", list.c_str());
@@ -139,7 +153,12 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable) {
         }
         const std::string image = image_or_finish("import", table);
         WRITE_TRACE(2, "get values from file: %s", image.c_str());
-        const std::string cmd = shell_quote(pathes.bin_db + "oaisql") + " -c " + shell_quote(image) + " -e 2>&1";
+        const std::string cmd = shell_quote(pathes.bin_db + "oaisql") + " -c " + shell_quote(image) + " -e -p " +
+                                shell_quote(load_position_path(image)) + (rerun ? " -r" : "") + " 2>&1";
+        if (rerun) {
+            WRITE_TRACE(1, "import %s continues after the statements its interrupted load committed", table.c_str());
+            std::printf("import %s continues after the statements its interrupted load committed\n", table.c_str());
+        }
         int errors = 0;
         const auto count = [&errors](std::string line) {
             if (strLog.iVerify == 0) {

@@ -153,23 +153,29 @@ void upd_setenv() {
     }
 }
 
-void checkenv(std::string& cpOldVersion, std::string& cpNewVersion) {
+namespace {
+
+// The operating system the report names, found by check_installation.
+std::string gOsName;
+
+}  // namespace
+
+void check_installation() {
     i_setenv_ravik("psql");
 
     // The variable that was read names the operating system in the report.
-    std::string os;
     if (const char* os_env = std::getenv("OS")) {
         pathes.separator = '\\';
-        os = os_env;
+        gOsName = os_env;
     } else {
         pathes.separator = '/';
         // OSTYPE is a shell variable that is rarely exported; without it the
         // system's own name is shown.
         if (const char* ostype = std::getenv("OSTYPE")) {
-            os = ostype;
+            gOsName = ostype;
         } else {
             struct utsname uts {};
-            os = uname(&uts) == 0 ? uts.sysname : "unknown";
+            gOsName = uname(&uts) == 0 ? uts.sysname : "unknown";
         }
     }
 
@@ -184,15 +190,22 @@ void checkenv(std::string& cpOldVersion, std::string& cpNewVersion) {
     // Before anything asks the operator or touches the installation.
     lock_installation(pathes.var_work);
     upd_setenv();
+    rvdb_ini = pathes.root_ravik + "skel" + pathes.separator + "rv_db_update.ini";
+}
 
+void check_versions(std::string& cpOldVersion, std::string& cpNewVersion) {
     if (cpNewVersion.empty()) {
         detect_new_version(cpNewVersion);
     }
     if (cpOldVersion.empty()) {
         detect_old_version(cpOldVersion);
     }
-    rvdb_ini = pathes.root_ravik + "skel" + pathes.separator + "rv_db_update.ini";
-    print_report(os);
+    print_report(gOsName);
+}
+
+void checkenv(std::string& cpOldVersion, std::string& cpNewVersion) {
+    check_installation();
+    check_versions(cpOldVersion, cpNewVersion);
 }
 
 }  // namespace rv

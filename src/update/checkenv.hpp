@@ -19,6 +19,11 @@ inline constexpr int kVersionAnswerLimit = 10;
 // run (FINISH throws Fatal) when the environment is unusable.
 void checkenv(std::string& cpOldVersion, std::string& cpNewVersion);
 
+// The two halves of checkenv: the installation (directories, lock, library
+// path, the update script's path), then the releases and the report.
+void check_installation();
+void check_versions(std::string& cpOldVersion, std::string& cpNewVersion);
+
 // Puts the product and database program directories in front of
 // LD_LIBRARY_PATH (':'-separated on Unix, ';' on Windows).
 void upd_setenv();

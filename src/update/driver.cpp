@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <vector>
 
 #include "config/ini.hpp"
 #include "config/product.hpp"
@@ -15,6 +16,7 @@
 #include "sys/runner.hpp"
 #include "sys/strings.hpp"
 #include "update/condition.hpp"
+#include "update/journal.hpp"
 
 namespace rv {
 
@@ -22,6 +24,9 @@ namespace {
 
 // Current nesting of iDbUpdate calls.
 int iSectionDepth = 0;
+
+// Numbers of the steps whose sections run now, outermost first.
+std::vector<int> gStepPath;
 
 enum class Keyword { change, cmd, dump, exportTable, exit, import, rmdir, sql, skip, section, keyNotFound };
 
@@ -58,7 +63,7 @@ __attribute__((format(printf, 1, 2))) void step_line(const char* format, ...) {
 
 // Runs the step `expanded` for `keyword`; arguments start at `argStart`.
 // Returns 0 when the section is to end.
-int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart, int iStep) {
+int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart, int iStep, bool rerun) {
     std::string database;
     std::string rest;
     const auto database_and_rest = [&] {
@@ -69,7 +74,7 @@ int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart,
         case Keyword::change:
             get_string(expanded, rest, argStart, '\0');
             step_line("step=%d change table=%s\n", iStep, rest.c_str());
-            db_change(rest);
+            db_change(rest, rerun);
             break;
         case Keyword::cmd:
             get_string(expanded, rest, argStart, '\0');
@@ -92,7 +97,7 @@ int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart,
         case Keyword::import:
             database_and_rest();
             step_line("step=%d db=%s import=%s\n", iStep, database.c_str(), rest.c_str());
-            db_load(database, rest);
+            db_load(database, rest, rerun);
             break;
         case Keyword::rmdir:
             get_string(expanded, rest, argStart, '\0');
@@ -118,18 +123,44 @@ int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart,
     return 1;
 }
 
+// The journal's name of step `iStep` of the section running now.
+std::string step_path(int iStep) {
+    std::string path;
+    for (const int outer : gStepPath) {
+        path += std::to_string(outer) + ".";
+    }
+    return path + std::to_string(iStep);
+}
+
 // Runs a step unless the run was told to stop; a step that must end the run
-// is named in the status line. Returns 0 when the section is to end.
+// is named in the status line. Steps that do something are recorded in the
+// run journal; one that a resumed run ended already is not run again.
+// Returns 0 when the section is to end.
 int run_step(Keyword keyword, const std::string& expanded, std::size_t argStart, int iStep) {
     const std::string step = "step " + std::to_string(iStep) + " (" + expanded + ")";
     if (const int signo = stop_signal(); signo != 0) {
         FINISH(RV_ERROR, "stopped by " + signal_name(signo) + " before " + step + "; later steps not run");
     }
+    const bool recorded = keyword != Keyword::skip && keyword != Keyword::exit && keyword != Keyword::keyNotFound;
+    const std::string path = step_path(iStep);
+    if (recorded && !journal_step_begins(path, expanded)) {
+        step_line("step=%d ended before the interruption, not run again\n", iStep);
+        return 1;
+    }
+    gStepPath.push_back(iStep);
+    struct Inner {
+        ~Inner() { gStepPath.pop_back(); }
+    } inner;
+    int result = 0;
     try {
-        return dispatch(keyword, expanded, argStart, iStep);
+        result = dispatch(keyword, expanded, argStart, iStep, recorded && journal_is_rerun(path));
     } catch (const StepFailure& failure) {
         FINISH(RV_ERROR, step + " failed: " + failure.what() + "; later steps not run");
     }
+    if (recorded) {
+        journal_step_ends(path);
+    }
+    return result;
 }
 
 }  // namespace

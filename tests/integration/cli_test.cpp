@@ -115,27 +115,46 @@ TEST_F(Tool, OperatorIsAskedForAnUnreadableOldVersion) {
     }
 }
 
-// Killed, it takes its step along too: the killed run below.
+// Killed, it takes its step along too: the killed run below. A stopped run stays unfinished: a new update is
+// refused, `resume` runs the interrupted step again (stopped again by the next signal) and then the rest.
 TEST_F(Tool, ToldToStopTheRunStopsItsChildAndEndsWithTheStatusLine) {
     waiting_update();
+    const std::string journal = box.dir("gv_rw_work") + "rv_db_update.journal";
+    const std::regex time("started [0-9-]{10} [0-9:]{8}");
+    std::vector<std::string> command = update;
     for (const auto& [signo, name] : {std::pair{SIGTERM, "SIGTERM"}, {SIGINT, "SIGINT"}, {SIGHUP, "SIGHUP"}}) {
-        rvtest::Background run(update, env);
+        rvtest::Background run(command, env);
         const auto step = waiting_step();
         kill(run.pid(), signo);
         const auto r = run.wait();
         EXPECT_EQ(r.status, 2) << name;
-        EXPECT_TRUE(r.out.ends_with("STATUS=ERROR MSG=step 1 (cmd sh " + wait_sh + ") failed: stopped by " + name +
-                                    " while running  sh " + wait_sh + "; later steps not run\n")) << r.out;
+        const std::string status = "step 1 (cmd sh " + wait_sh + ") failed: stopped by " + name +
+                                   " while running  sh " + wait_sh + "; later steps not run";
+        EXPECT_TRUE(r.out.ends_with("STATUS=ERROR MSG=" + status + "\n")) << r.out;
         expect_gone(step);
         EXPECT_FALSE(fs::exists(box.path("after"))) << "a step ran after " << name;
+        const auto refused = tool({"update", "1.6.3.20", "1.6.4.71"});
+        EXPECT_EQ(refused.status, 2);
+        EXPECT_TRUE(std::regex_replace(refused.out, time, "started <t>").ends_with(
+            "STATUS=ERROR MSG=an unfinished update from 1.6.3.20 to 1.6.4.71 (started <t>) stopped in step 1 (cmd sh " +
+            wait_sh + "), ended by: " + status + "; continue it with 'rv_db_update resume' or discard it by removing " +
+            journal + "\n")) << refused.out;
+        command = {kTool, "resume"};
     }
+    rvtest::write_file(go, "");
+    auto r = tool({"resume"});
+    EXPECT_TRUE(r.status == 0 && has(r.out, "[Resume update from 1.6.3.20 to 1.6.4.71, started ") &&
+                fs::exists(box.path("after"))) << r.out;
+    r = tool({"resume"});
+    EXPECT_TRUE(r.status == 0 && r.out.ends_with("nothing to resume\n")) << r.out;
     // A run started with SIGHUP ignored (nohup) goes on ignoring it.
+    fs::remove(go);
+    fs::remove(started);
     rvtest::Background nohup({"/bin/sh", "-c", "trap '' HUP; exec " + kTool + " update 1.6.3.20 1.6.4.71"}, env);
     waiting_step();
     kill(nohup.pid(), SIGHUP);
     rvtest::write_file(go, "");
     EXPECT_EQ(nohup.wait().status, 0);
-    EXPECT_TRUE(fs::exists(box.path("after"))) << "the ignored SIGHUP stopped the run";
 }
 
 TEST_F(Tool, OneRunOfAnInstallationAtATimeAndLeftoversOfAKilledOneGo) {
@@ -170,7 +189,7 @@ TEST_F(Tool, OneRunOfAnInstallationAtATimeAndLeftoversOfAKilledOneGo) {
     EXPECT_EQ(killed.wait().status, 128 + SIGKILL);
     expect_gone(step);
     rvtest::write_file(go, "");
-    const auto r = tool({"update", "1.6.3.20", "1.6.4.71"});
+    const auto r = tool({"resume"});
     EXPECT_EQ(r.status, 0) << r.out;
     EXPECT_TRUE(has(r.out, "removed " + leftover + ", left by an ended run\n")) << r.out;
     EXPECT_FALSE(fs::exists(leftover));

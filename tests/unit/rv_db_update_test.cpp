@@ -71,9 +71,9 @@ TEST_F(RvDbUpdate, WordsSelectCommandsAndDowngradePaths) {
     const std::string tar = ro + "downgrade/ravik_db.tar", schema = box.dir("gv_rw_db") + "schema/ravik/";
     const std::string update = "Update main version: 1.6.4.\n[Update from 1.6.3.20 to 1.6.4.71]\nstep=1 cmd=echo\n";
     const std::string usage = "Usage:\nrv_db_update update [{old_version} {new_version}]|downgrade|"
-                              "db_backup|db_restore|set_params_fix [-v 0|1|2]\n";
+                              "db_backup|db_restore|set_params_fix|resume [-v 0|1|2]\n";
     const std::string warning = "STATUS=WARNING MSG=Usage:\nrv_db_update "
-                                "update|downgrade|db_backup|db_restore|set_params_fix [-v 0|1|2]\n\n";
+                                "update|downgrade|db_backup|db_restore|set_params_fix|resume [-v 0|1|2]\n\n";
     // The console after the environment report (none with status 1), database errors left out.
     const struct { Args args; int status; std::string after_report; const char *newv = "1.6.4.71", *oldv = "1.6.3.20"; }
     cases[] = {
@@ -101,6 +101,7 @@ TEST_F(RvDbUpdate, WordsSelectCommandsAndDowngradePaths) {
     const std::regex db_error(" got error from statement: .*\n"), minute("'[0-9]{12}'");
     for (const auto& c : cases) {
         rvtest::FakeRunner runner;
+        fs::remove(box.dir("gv_rw_work") + "rv_db_update.journal");  // runs that failed stay unfinished
         version_file("skel/ravik_srv.1.6.4", c.newv);
         version_file("downgrade/skel/ravik_srv.1.6.3", c.oldv);
         EXPECT_EQ(std::regex_replace(std::regex_replace(said(c.args), db_error, ""), minute, "'<minute>'"),
@@ -167,7 +168,9 @@ TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
            "step_3=import ravik_db media\nstep_4=export ravik_db jobs\n"
            "[1.6.4.media]\nADD_COLUMNS=pool\nADD_VALUES='daily'\nDEL_COLUMNS=label\n");
     EXPECT_EQ(run({"update"}), 0) << out;
-    EXPECT_EQ(runner.ran, (Args{psql, box.dir("gv_ro_db") + "oaisql -c " + work + "db_media.tmp -e 2>&1",
+    EXPECT_EQ(runner.ran, (Args{psql,
+                                box.dir("gv_ro_db") + "oaisql -c " + work + "db_media.tmp -e -p " + work +
+                                    "db_media.tmp.pos 2>&1",
                                 box.dir("gv_ro_bin") + "rv_db \"select * from jobs\" -e > " + work + "db_jobs.tmp"}));
     EXPECT_EQ(rvtest::read_file(work + "db_media.tmp"),
               "connect ravik_db\nINSERT INTO media (id,pool) VALUES ('1','daily');\n"
@@ -204,6 +207,7 @@ TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
         failing.on("oaisql", {f.loader, {}, {}});
         rvtest::write_file(work + "db_media.tmp", "|id=9|\n");
         fs::create_directories(self);
+        fs::remove(work + "rv_db_update.journal");  // each failure leaves its run unfinished
         script("[Update 1.6.4.]\nlast_step_nr=2\nstep_1=" + f.step + "\nstep_2=cmd echo next\n");
         EXPECT_EQ(run({"update"}), 2) << f.step;
         fs::remove(self);
@@ -284,6 +288,53 @@ step_3=cmd touch gv_rw_work:after_exit.txt
                                             work + "versions_*.txt"}));
     EXPECT_TRUE(fs::is_directory(export_dir + "sub"));
     EXPECT_EQ(rvtest::read_file(work + "nested.txt") + rvtest::read_file(work + "count.txt"), "nested\n1.6.4.71\n");
+}
+
+// A run that a step ended stays unfinished: update is refused, resume skips the steps that ended (in nested
+// sections too), runs the interrupted one again (the import continuing, a change already written left alone)
+// and the rest; a changed script is refused.
+TEST_F(RvDbUpdate, AnInterruptedRunResumesWhereItStopped) {
+    const std::string work = box.dir("gv_rw_work"), image = work + "db_media.tmp";
+    box.set_glbv("gv_db_type", "POSTGRESQL");
+    script("[Update 1.6.4.]\nlast_step_nr=4\nstep_1=cmd echo one\nstep_2=update inner\nstep_3=skip\n"
+           "step_4=cmd echo four\n[update inner]\nlast_step_nr=3\nstep_1=cmd echo inner\nstep_2=change media\n"
+           "step_3=import ravik_db media\n");
+    rvtest::write_file(image, "|id=1|\n");
+    {
+        rvtest::FakeRunner stopped;
+        stopped.on("oaisql", {2, {}, {}});
+        EXPECT_EQ(run({"update", "1.6.3.20", "1.6.4.71"}), 2);
+    }
+    EXPECT_EQ(rvtest::read_file(image), "connect ravik_db\nINSERT INTO media (id) VALUES ('1');\n");
+    EXPECT_EQ(run({"update", "1.6.3.20", "1.6.4.71"}), 2);
+    EXPECT_NE(out.find("stopped in step 2.3 (import ravik_db media); media: no statement loaded for sure, ended by: "
+                       "step 3 (import ravik_db media) failed: import of media: the loader stopped before the end of "
+                       "its script (exit state 512); later steps not run; continue it with 'rv_db_update resume' or "
+                       "discard it by removing " + work + "rv_db_update.journal\n"), npos) << out;
+    rvtest::FakeRunner runner;
+    EXPECT_EQ(run({"resume"}), 0) << out;
+    const std::string oaisql = box.dir("gv_ro_db") + "oaisql -c " + image + " -e -p " + image + ".pos -r 2>&1";
+    EXPECT_EQ(runner.ran, (Args{oaisql, " echo four"}));
+    EXPECT_NE(out.find("step=1 ended before the interruption, not run again\nstep=1 ended before the interruption, "
+                       "not run again\nstep=2 ended before the interruption, not run again\nstep=3 db=ravik_db "
+                       "import=media\n"), npos) << out;
+    EXPECT_EQ(run({"resume"}), 0);
+    EXPECT_TRUE(out.ends_with("nothing to resume\n") && !fs::exists(work + "rv_db_update.journal")) << out;
+
+    // Again, stopped in the change once its script is in place: resume does not change it twice.
+    runner.on("echo inner", {0, {}, [&](const std::string&) { rvtest::write_file(image, "|id=2|\n"); }});
+    runner.on("oaisql", {2, {}, {}});
+    EXPECT_EQ(run({"update", "1.6.3.20", "1.6.4.71"}), 2);
+    const std::string journal = rvtest::read_file(work + "rv_db_update.journal");
+    rvtest::write_file(work + "rv_db_update.journal", journal.substr(0, journal.find("end\t2.2")));
+    EXPECT_EQ(run({"resume"}), 2);
+    EXPECT_NE(out.find("change table media: " + image + " was written before the interruption, not changed again"),
+              npos) << out;
+    EXPECT_EQ(rvtest::read_file(image), "connect ravik_db\nINSERT INTO media (id) VALUES ('2');\n");
+    script("[Update 1.6.4.]\nlast_step_nr=0\n");
+    EXPECT_EQ(run({"resume"}), 2);
+    EXPECT_NE(out.find("STATUS=ERROR MSG=resume refused: the update script " + ro + "skel/rv_db_update.ini changed"),
+              npos) << out;
 }
 
 }  // namespace
