@@ -182,4 +182,20 @@ TEST_F(DbRecovery, EveryFaultLeavesARunThatResumesToEveryRowOnce) {
     }
 }
 
+// A second operator is refused while the first run waits in its dump; the first then ends as if alone.
+TEST_F(DbRecovery, ASecondRunIsRefusedAndTheFirstLoadsEveryRowOnce) {
+    fresh_table();
+    std::optional<Held> held;
+    held.emplace("begin; lock table t in access exclusive mode");
+    rvtest::Background first({rvtest::bin("rv_db_update"), "update", "1.6.3.20", "1.6.4.71"}, rvtest::kToolEnv);
+    ASSERT_TRUE(waiting("select distinct * from t", "relation"));
+    const auto second = update();
+    EXPECT_EQ(second.status, 2);
+    EXPECT_NE(second.out.find("STATUS=ERROR MSG=rv_db_update is already running for this installation: process " +
+                              std::to_string(first.pid())), std::string::npos) << second.out;
+    held.reset();
+    EXPECT_EQ(first.wait().status, 0);
+    expect_every_row_once("after the first run");
+}
+
 }  // namespace
