@@ -139,7 +139,7 @@ void remove_load_positions(const std::string& work_dir) {
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(work_dir, error)) {
         const std::string name = entry.path().filename().string();
-        if (name.starts_with("db_") && name.ends_with(".tmp.pos")) {
+        if (name.starts_with("db_") && (name.ends_with(".tmp.pos") || name.ends_with(".tmp.pos.new"))) {
             std::filesystem::remove(entry.path(), error);
             WRITE_TRACE(2, "removed the load position %s", entry.path().c_str());
         }
