@@ -1,6 +1,5 @@
 #include "update/journal.hpp"
 
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
