@@ -1,6 +1,7 @@
 #include "log/finish.hpp"
 
 #include <cstdio>
+#include <utility>
 #include <string>
 
 #include "log/trace.hpp"
@@ -33,9 +34,20 @@ void FINISH(int iExit, std::string_view cpMsg) {
     throw Fatal(iExit, msg);
 }
 
+namespace {
+
+bool gMidLine = false;
+
+}  // namespace
+
+void console_mid_line() { gMidLine = true; }
+
 int finish_run(const Fatal& fatal) {
     std::fflush(stdout);
     if (fatal.status_line()) {
+        if (std::exchange(gMidLine, false)) {
+            std::putchar('\n');
+        }
         std::printf("STATUS=%s MSG=%s\n", status_word(fatal.status()), fatal.what());
         std::fflush(stdout);
     }

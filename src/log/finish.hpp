@@ -41,6 +41,11 @@ class StepFailure : public Fatal {
 // Must not be called where a quit-signal jump target is active.
 [[noreturn]] void FINISH(int iExit, std::string_view cpMsg);
 
+// Tells that standard output was left in the middle of a line (a notice
+// printed without its line feed), so that a status line printed next starts
+// on a line of its own.
+void console_mid_line();
+
 // For the program entry: prints the status line of `fatal` (when it has
 // one) and returns its exit status.
 int finish_run(const Fatal& fatal);

@@ -125,6 +125,7 @@ bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& w
     const std::vector<std::string> elements = split(line, '|', EmptyFields::drop);
     if (elements.empty()) {
         std::printf("\n\nKein Token '|' verfuegbar in %.*s.", static_cast<int>(line.size()), line.data());
+        console_mid_line();
         why = "holds no element";
         return false;
     }
@@ -133,6 +134,7 @@ bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& w
         const auto eq = element.find('=');
         if (eq == std::string::npos || eq == 0) {
             std::printf("\n\nKein Token '=' verfuegbar.");
+            console_mid_line();
             why = "holds an element without name=value: " + element;
             return false;
         }

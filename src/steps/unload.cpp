@@ -75,6 +75,8 @@ void check_load_complete(const std::string& table, int status) {
 
 }  // namespace
 
+// The lines of dump, export and import below are traced at every level
+// (level 0 included), the entries of db_unload and the import above level 0.
 int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_view cpTable) {
     const std::string mode(cpMode);
     const std::string list(cpTable);
@@ -92,7 +94,7 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
                               shell_quote(image);
             const ChildEnd end = run_reported({cmd, {}, nullptr, true}, cmd);
             const int status = end.finished() ? end.status : -1;
-            WRITE_TRACE(1, "export %s returned exit state %d", table.c_str(), status);
+            WRITE_TRACE(0, "export %s returned exit state %d", table.c_str(), status);
             if (status != 0) {
                 step_failed("export " + table + ": the export tool returned exit state " + std::to_string(status));
             }
@@ -104,14 +106,14 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
         const std::string sql = "select distinct * from " + table;
         std::string msg;
         if (iSELECT_INTO_TEMP_FILE(table, sql, msg)) {
-            WRITE_TRACE(1, "select %s rows from %s", msg.c_str(), table.c_str());
+            WRITE_TRACE(0, "select %s rows from %s", msg.c_str(), table.c_str());
             if (strLog.iVerify == 0) {
                 std::printf("select %s rows from %s\n", msg.c_str(), table.c_str());
             }
             return true;
         }
         trap_db_err(sql, msg);
-        WRITE_TRACE(1, "got error from statement %s", sql.c_str());
+        WRITE_TRACE(0, "got error from statement %s", sql.c_str());
         if (strLog.iVerify == 0) {
             std::printf("got error from %s select statement\n", table.c_str());
         }
@@ -129,7 +131,7 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
     if (!all) {
         return 0;
     }
-    WRITE_TRACE(1, "--- db_unload done %s", mode.c_str());
+    WRITE_TRACE(0, "--- db_unload done %s", mode.c_str());
     return 1;
 }
 
@@ -152,7 +154,7 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable, bool rerun) {
     WRITE_TRACE(1, "+++ import for %s", list.c_str());
     int status = 0;
     for_each_table(cpTable, [&](const std::string& table) {
-        WRITE_TRACE(1, "load values into table %s", table.c_str());
+        WRITE_TRACE(0, "load values into table %s", table.c_str());
         if (strLog.iVerify == 0) {
             std::printf("load values into table %s\n", table.c_str());
         }
@@ -161,7 +163,7 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable, bool rerun) {
         const std::string cmd = shell_quote(pathes.bin_db + "oaisql") + " -c " + shell_quote(image) + " -e -p " +
                                 shell_quote(load_position_path(image)) + (rerun ? " -r" : "") + " 2>&1";
         if (rerun) {
-            WRITE_TRACE(1, "import %s continues after the statements its interrupted load committed", table.c_str());
+            WRITE_TRACE(0, "import %s continues after the statements its interrupted load committed", table.c_str());
             std::printf("import %s continues after the statements its interrupted load committed\n", table.c_str());
         }
         int errors = 0;
@@ -173,7 +175,7 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable, bool rerun) {
             for (int i = 0; i < 2 && !line.empty() && (line.back() == '\n' || line.back() == '\r'); ++i) {
                 line.pop_back();
             }
-            WRITE_TRACE(1, "%s", line.c_str());
+            WRITE_TRACE(0, "%s", line.c_str());
             if (line.find("Error") != std::string::npos) {
                 ++errors;
             }
@@ -185,7 +187,7 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable, bool rerun) {
             FINISH(RV_ERROR, "ERROR: Import could not start " + cmd);
         }
         status = end.finished() ? end.status : -1;
-        WRITE_TRACE(1, "import %s returned exit state %d with %d errors", table.c_str(), status, errors);
+        WRITE_TRACE(0, "import %s returned exit state %d with %d errors", table.c_str(), status, errors);
         if (strLog.iVerify == 0) {
             std::printf("import %s returned exit state %d with %d errors\n", table.c_str(), status, errors);
         }
@@ -197,7 +199,7 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable, bool rerun) {
         std::fflush(stdout);
         return true;
     });
-    WRITE_TRACE(1, "+++ import done for %s", list.c_str());
+    WRITE_TRACE(0, "+++ import done for %s", list.c_str());
     return status;
 }
 

@@ -183,6 +183,16 @@ TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
               "Error in line 3: duplicate key (x)\noaisql: 1200 statements, 1199 succeeded, 1 failed\n"
               "import media returned exit state 256 with 1 errors\n"
               "step=4 db=ravik_db export=jobs\nexport jobs returned exit state 512\n");
+    // With -v 0 the console keeps them to itself, the trace has them still.
+    rvtest::write_file(sqo, dumped);
+    fs::remove(box.dir("gv_rw_lgc") + "rv_db_update.lgc");
+    EXPECT_EQ(run({"update", "1.6.3.20", "1.6.4.71", "-v", "0"}), 0);
+    const std::string trace = rvtest::read_file(box.dir("gv_rw_lgc") + "rv_db_update.lgc");
+    for (const char* line : {"select 2 rows from media", "load values into table media", "Error in line 3:",
+                             "import media returned exit state 256 with 1 errors", "export jobs returned exit state"}) {
+        EXPECT_EQ(out.find(line), npos) << line;
+        EXPECT_NE(trace.find(line), npos) << line << " not traced at level 0";
+    }
     EXPECT_TRUE(err.ends_with("rv_db_update: 2 steps failed:\n  [Update 1.6.4.] step 3 import media: 1 of 1,200 "
                               "statements failed\n  [Update 1.6.4.] step 4 export jobs: the export tool returned exit "
                               "state 512\n")) << err;
@@ -220,6 +230,14 @@ TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
             << out;
         EXPECT_EQ(fs::exists(work + "db_media.tmp"), !f.step.starts_with("dump")) << f.step << ": image left or lost";
     }
+    // The German notice of a malformed image ends without a line feed; the status line still starts a line.
+    fs::remove(work + "rv_db_update.journal");
+    rvtest::write_file(work + "db_media.tmp", "|x|\n");
+    script("[Update 1.6.4.]\nlast_step_nr=1\nstep_1=change media\n");
+    EXPECT_EQ(run({"update"}), 2);
+    EXPECT_TRUE(out.ends_with("\n\nKein Token '=' verfuegbar.\nSTATUS=ERROR MSG=db_change: line 1 of " + work +
+                              "db_media.tmp holds an element without name=value: x; table media not changed\n"))
+        << out;
 }
 
 // A whole update script through the real shell: nested sections, conditions, rmdir, skip, exit, a missing
