@@ -182,6 +182,11 @@ int cmd_db_restore() {
 
 int cmd_set_params_fix() {
     checkenv(pathes.version_old, pathes.version);
+    // The release goes into a quoted literal: a quote in it would end the
+    // literal and change the statement.
+    if (pathes.version.find('\'') != std::string::npos) {
+        FINISH(RV_ERROR, "set_params_fix refused: the version " + pathes.version + " holds a single quote");
+    }
     iExecDbStatement("ravik_db",
                      "update params_fix set version='" + pathes.version + "' where kunde='QOR-RAVIK'");
     std::string date = "I";

@@ -86,6 +86,7 @@ TEST_F(RvDbUpdate, WordsSelectCommandsAndDowngradePaths) {
         {{"db_r"}, 0, "cd " + schema + " ; tar -xvf " + tar + " ."},
         {{"set"}, 0, "update params_fix set version='1.6.4.71' where kunde='QOR-RAVIK'\n"
                      "update params_fix set update_date='<minute>' where kunde='QOR-RAVIK'\n"},
+        {{"set"}, 2, "STATUS=ERROR MSG=set_params_fix refused: the version 1',x='y holds a single quote\n", "1',x='y"},
         {{"downgrade"}, 2, "[Downgrade from 1.6.4 to 1.6.2]\nstep=1 cmd=echo\nstep=2 cmd=\n"
          "STATUS=ERROR MSG=CmdExecute: Format error: No token ' ' in .\n", "1.6.4.71", "1.6.2.9"},
         {{"downgrade"}, 2, "[Downgrade from 2.0.1 to 1.6.3]\nstep=1 cmd=echo 2\nSTATUS=ERROR MSG=iDbUpdate: sections "
