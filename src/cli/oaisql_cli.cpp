@@ -37,8 +37,8 @@ bool parse_count(const char* text, std::size_t& count) {
 bool parse_options(int argc, char** argv, LoaderOptions& options) {
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
-        if (arg == "-c" && i + 1 < argc) {
-            options.file = argv[++i];
+        if (arg == "-c" && i + 1 < argc && options.file.empty()) {
+            options.file = argv[++i];  // one script a run: a second -c is a usage error
         } else if (arg == "-e") {
             options.echo_statement = true;
         } else if (arg == "-p" && i + 1 < argc && *argv[i + 1] != '\0') {

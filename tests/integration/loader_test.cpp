@@ -183,7 +183,10 @@ TEST_F(DbLoader, UnreadableScriptsBadCommandLinesAndFailedConnectsStopWithStatus
         {{"-c", file, "-p", folder, "-r"}, {}, stopped, "oaisql: cannot read " + folder + ": Is a directory\n"},
         // A run begun, though it stopped at once: the one before is not to be continued.
         {{"-c", missing, "-p", ended}, {}, stopped, "oaisql: cannot read " + missing},
-        {{"-c", file, "-r"}, {}, "", usage}, {{"-c", file, "-p"}, {}, "", usage}, {{"-c", file, "-p", ""}, {}, "", usage}};
+        {{"-c", file, "-r"}, {}, "", usage}, {{"-c", file, "-p"}, {}, "", usage}, {{"-c", file, "-p", ""}, {}, "", usage},
+        // Options without their values, and two scripts.
+        {{"-c"}, {}, "", usage}, {{"-c", file, "-b"}, {}, "", usage}, {{"-c", file, "-g"}, {}, "", usage},
+        {{"-c", file, "-c", file}, {}, "", usage}, {{}, {}, "", usage}};
     // Counts are digits only and at most a million: no sign, no blank, no wrap.
     for (const char* count : {"-1", " 2", "+2", "0", "1000001", "18446744073709551617"})
         cases.push_back({{"-c", missing, "-b", count}, {}, "", usage});
