@@ -331,6 +331,7 @@ TEST_F(Config, FileSearchAndDirectoryWalk) {
     EXPECT_EQ(walk("gv_rw_work:*.lock"), (Lines{".hidden.lock", "x.lock", "y.lock"}));
     EXPECT_EQ(walk(work + "?.*"), (Lines{"x.lock", "y.lock", "z.txt"}));
     EXPECT_EQ(walk(work + "*.none"), Lines{});
+    EXPECT_EQ(walk(work + ".*"), Lines{".hidden.lock"}) << "the walk gives . or ..";
     EXPECT_EQ(walk(box.path("absent/") + "*"), Lines{});
     EXPECT_EQ(rvtest::read_file(rv::strLog.szFile).substr(9),
               " iGET_DIR: Error in opendir( " + box.path("absent/") + " ): " + std::strerror(ENOENT) + "\n");

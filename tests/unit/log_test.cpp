@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <ctime>
 #include <regex>
 
 #include "config/environment.hpp"
@@ -54,6 +55,14 @@ TEST_F(Log, ProtLineFormatTheTrapInEveryLanguageAndCutOutput) {
                                         std::to_string(prefix + size) + ")");
     };
     const auto cut = [&](std::size_t max, char c) { return line("E001-BASICS ", std::string(max - 1 - prefix, c)); };
+    // The stamp is the local time of the clock: between the test's own readings before and after.
+    const auto now = [] {
+        char text[20];
+        const std::time_t t = std::time(nullptr);
+        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", std::localtime(&t));
+        return std::string(text);
+    };
+    const std::string before = now();
     const std::string err = rvtest::capture(2, [&] {
         // Every line of a text of several gets the stamp and code.
         rv::PROT("W001-BASICS  first\n%s\n", "second");
@@ -77,7 +86,10 @@ TEST_F(Log, ProtLineFormatTheTrapInEveryLanguageAndCutOutput) {
                                  announced(5120, 6000), cut(rv::kProtTextLimit, 'y'), announced(2560, 2624),
                                  cut(rv::kProtFormatLimit, 'x'), cut(rv::kProtTextLimit, 'z')}));
     const Lines lines = rvtest::read_lines(prot);
+    const std::string after = now();
     EXPECT_EQ(lines.at(0).substr(0, 19), lines.at(2).substr(0, 19));
+    EXPECT_TRUE(before <= lines.at(0).substr(0, 19) && lines.back().substr(0, 19) <= after)
+        << before << " .. " << after << ": " << lines.at(0);
 }
 
 TEST_F(Log, ProtWithoutProtocolFile) {
