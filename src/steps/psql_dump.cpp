@@ -96,10 +96,37 @@ void drop_image(std::string_view id) {
 
 enum class RunResult { finished, interrupted, refused };
 
-// Runs the client command line `cmd`; when `interruptible`, a quit signal
-// breaks the wait off (the client, with everything it started, is stopped).
-RunResult run_client(std::string cmd, bool interruptible) {
-    const ChildEnd end = run_reported({cmd, {}, interruptible ? kSigquitText : nullptr, true}, cmd);
+// The client's settings for a dump, in a file of the tool's own (named by
+// PSQLRC), so that nothing of the operator's settings changes the answer and
+// the client fetches the rows in portions instead of holding them all.
+// Removed when the dump ends.
+class ClientSettings {
+  public:
+    explicit ClientSettings(std::string path) : path_(std::move(path)) {
+        AtomicFile file(path_);
+        ok_ = file.ok() && std::fprintf(file.stream(), "\\set FETCH_COUNT %d\n", kDumpFetchRows) > 0 &&
+              file.commit();
+        why_ = file.why();
+    }
+    ~ClientSettings() { std::remove(path_.c_str()); }
+    ClientSettings(const ClientSettings&) = delete;
+    ClientSettings& operator=(const ClientSettings&) = delete;
+    bool ok() const { return ok_; }
+    const std::string& path() const { return path_; }
+    const std::string& why() const { return why_; }
+
+  private:
+    std::string path_;
+    bool ok_ = false;
+    std::string why_;
+};
+
+// Runs the client command line `cmd` with the settings file `settings`
+// instead of the operator's own; when `interruptible`, a quit signal breaks
+// the wait off (the client, with everything it started, is stopped).
+RunResult run_client(std::string cmd, bool interruptible, const std::string& settings) {
+    const ChildEnd end =
+        run_reported({cmd, {}, interruptible ? kSigquitText : nullptr, true, {{"PSQLRC", settings}}}, cmd);
     exit_code_of(end, cmd);  // no child at all ends the run, as for any command
     switch (end.how) {
         case ChildEnd::How::interrupted:
@@ -139,7 +166,11 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
     WRITE_TRACE(1, "Systemcall: %s ", cmd.c_str());
     // An answer left from an earlier run must not be taken for this one.
     std::remove(sqo.c_str());
-    switch (run_client(cmd, interruptible)) {
+    const ClientSettings settings(tmpDir + id + ".psqlrc");
+    if (!settings.ok()) {
+        return fail("iPGSQL_DO_SQL: cannot write the client's settings: " + settings.why());
+    }
+    switch (run_client(cmd, interruptible, settings.path())) {
         case RunResult::interrupted:
             interrupted = true;
             cpMsg = "the statement was broken off by SIGQUIT";

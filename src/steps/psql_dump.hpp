@@ -5,7 +5,10 @@
 // "|name=value|...|". An answer that cannot be turned into a faithful image
 // (a value holding "|" or a line break, a row count that does not add up,
 // too many columns, overlong names) fails the dump: no image is left, the
-// .sqi and .sqo files stay for inspection.
+// .sqi and .sqo files stay for inspection. The client reads its settings
+// from "<gv_rw_tmp><id>.psqlrc", written by the tool for the dump (through
+// PSQLRC; the operator's own settings file is not read): it fetches the rows
+// kDumpFetchRows at a time, so its memory does not grow with the table.
 #pragma once
 
 #include <cstddef>
@@ -18,6 +21,8 @@ namespace rv {
 // Columns a dump can carry, and the longest column name (in bytes).
 inline constexpr std::size_t kDumpColumnsMax = 30;
 inline constexpr std::size_t kDumpColumnNameMax = 15;
+// Rows the client fetches at a time.
+inline constexpr int kDumpFetchRows = 10000;
 
 // Runs `cpSql` for the identifier `cpId` (a table name) through the client,
 // as a statement a quit signal may break off. Returns true on success with

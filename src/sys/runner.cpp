@@ -356,6 +356,9 @@ class RealRunner : public ChildRunner {
             return end;
         }
         if (pid == 0) {
+            for (const auto& [name, value] : command.environment) {
+                setenv(name.c_str(), value.c_str(), 1);  // a copy of the tool, single-threaded
+            }
             guard(command.shell_line.c_str(), fds[1], fds[0], tool, terminal);
         }
         setpgid(pid, pid);

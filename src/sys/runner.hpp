@@ -10,6 +10,8 @@
 #include <functional>
 #include <initializer_list>
 #include <string>
+#include <utility>
+#include <vector>
 #include <string_view>
 
 namespace rv {
@@ -31,6 +33,8 @@ struct ChildCommand {
     // Whether the environment preparation runs first (not for probes of the
     // tool's own, which must work before the configuration is known).
     bool prepare_environment = true;
+    // Variables set for this child (and what it starts) only.
+    std::vector<std::pair<std::string, std::string>> environment = {};
 };
 
 // How a child ended.

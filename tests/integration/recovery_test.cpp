@@ -158,7 +158,7 @@ TEST_F(DbRecovery, EveryFaultLeavesARunThatResumesToEveryRowOnce) {
         fault.arrange(held, mounted);
         rvtest::Background run({rvtest::bin("rv_db_update"), "update", "1.6.3.20", "1.6.4.71"}, fault.env);
         if (fault.at != Fault::At::start) {
-            ASSERT_TRUE(fault.at == Fault::At::dump ? waiting("select distinct * from t", "relation")
+            ASSERT_TRUE(fault.at == Fault::At::dump ? waiting("%select distinct * from t", "relation")
                                                     : waiting("%INSERT%", "advisory"));
             fault.strike(run.pid());
         }
@@ -195,7 +195,7 @@ TEST_F(DbRecovery, ASecondRunIsRefusedAndTheFirstLoadsEveryRowOnce) {
     std::optional<Held> held;
     held.emplace("begin; lock table t in access exclusive mode");
     rvtest::Background first({rvtest::bin("rv_db_update"), "update", "1.6.3.20", "1.6.4.71"}, rvtest::kToolEnv);
-    ASSERT_TRUE(waiting("select distinct * from t", "relation"));
+    ASSERT_TRUE(waiting("%select distinct * from t", "relation"));
     const auto second = update();
     EXPECT_EQ(second.status, 2);
     EXPECT_NE(second.out.find("STATUS=ERROR MSG=rv_db_update is already running for this installation: process " +
