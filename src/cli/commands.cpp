@@ -187,18 +187,6 @@ int cmd_set_params_fix() {
     return 0;
 }
 
-}  // namespace
-
-std::string main_version(std::string_view version) {
-    const auto dot = version.rfind('.');
-    if (dot == std::string_view::npos) {
-        return std::string(version);
-    }
-    return std::string(version.substr(0, dot + 1));
-}
-
-namespace {
-
 // Runs the command the command line names; a fatal condition throws Fatal.
 int run_command(int argc, char** argv) {
     v_set_log_main("rv_db_update.lgc", "RV_DB_UPDATE");

@@ -19,8 +19,4 @@ inline constexpr std::string_view kUsageList =
 // printed and their status returned.
 int rv_db_update_main(int argc, char** argv);
 
-// The main version of a release: cut after its last '.', the dot kept
-// ("2.0.1.5" -> "2.0.1."); a release without a dot stays whole.
-std::string main_version(std::string_view version);
-
 }  // namespace rv
