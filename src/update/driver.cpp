@@ -209,6 +209,17 @@ StepArgs step_args(Keyword keyword, const std::string& expanded, std::size_t arg
     return args;
 }
 
+std::vector<std::string> table_list(const std::string& list) {
+    std::vector<std::string> tables;
+    for (std::string& table : split(list, ',', EmptyFields::keep)) {
+        if (table.empty()) {
+            break;
+        }
+        tables.push_back(std::move(table));
+    }
+    return tables;
+}
+
 std::string step_console_line(Keyword keyword, const StepArgs& args, int iStep) {
     const std::string step = "step=" + std::to_string(iStep);
     const std::string db = step + " db=" + args.database;

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace rv {
 
@@ -77,6 +78,10 @@ struct StepArgs {
     std::string rest;
 };
 StepArgs step_args(Keyword keyword, const std::string& expanded, std::size_t argStart);
+
+// The tables of the table list `list` as the table steps take them: names
+// between commas, up to the first empty one (a trailing comma ends the list).
+std::vector<std::string> table_list(const std::string& list);
 
 // The console line a step prints before it acts ("step=4 db=ravik_db
 // sql=..."), without its line feed; "" for the keywords that print none.

@@ -71,9 +71,9 @@ TEST_F(RvDbUpdate, WordsSelectCommandsAndDowngradePaths) {
     const std::string tar = ro + "downgrade/ravik_db.tar", schema = box.dir("gv_rw_db") + "schema/ravik/";
     const std::string update = "Update main version: 1.6.4.\n[Update from 1.6.3.20 to 1.6.4.71]\nstep=1 cmd=echo\n";
     const std::string usage = "Usage:\nrv_db_update update [{old_version} {new_version}]|downgrade|"
-                              "db_backup|db_restore|set_params_fix|resume [-v 0|1|2]\n";
+                              "db_backup|db_restore|set_params_fix|resume|plan|check [-v 0|1|2]\n";
     const std::string warning = "STATUS=WARNING MSG=Usage:\nrv_db_update "
-                                "update|downgrade|db_backup|db_restore|set_params_fix|resume [-v 0|1|2]\n\n";
+                                "update|downgrade|db_backup|db_restore|set_params_fix|resume|plan|check [-v 0|1|2]\n\n";
     // The console after the environment report (none with status 1), database errors left out.
     const struct { Args args; int status; std::string after_report; const char *newv = "1.6.4.71", *oldv = "1.6.3.20"; }
     cases[] = {
