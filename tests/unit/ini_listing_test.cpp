@@ -24,7 +24,8 @@ TEST(IniListing, LooksUpAsTheFileReaderDoesAndKeepsEveryLine) {
         // Empty and blank values; a reference to itself, to nothing or to an empty value leaves the value as it
         // was.
         {"Update 1.6.4.", "step_2"}, {"Update 1.6.4.", "step_3"}, {"Update 1.6.4.", "loop"},
-        {"Update 1.6.4.", "ref"}, {"Update 1.6.4.", "empty"}, {"Update 1.6.4.", "step 4"}, {"Update 1.6.4.", "trail"},
+        {"Update 1.6.4.", "ref"}, {"Update 1.6.4.", "empty"}, {"Update 1.6.4.", "step 4"},
+        {"Update 1.6.4.", "trail"},
         // A long line goes on as a line of its own.
         {"Update 1.6.4.", "long"}, {"Update 1.6.4.", "part"},
         // Only the first of two sections of one name is read; a header matches by its beginning.
@@ -43,7 +44,8 @@ TEST(IniListing, LooksUpAsTheFileReaderDoesAndKeepsEveryLine) {
         lines += "\n";
     }
     EXPECT_EQ(lines, "[DEFAULT]3 base=4\n[Update 1.6.4.]6 last_step_nr=7 STEP_1=8 step_1=9 step_2=10 step_3=11 "
-                     "loop=12 ref=13 step 4=14 trail=15 empty=16 long=17 part=17\n[update 1.6.4.]18 dup=19\n[cut]20 value=21\n");
+                     "loop=12 ref=13 step 4=14 trail=15 empty=16 long=17 part=17\n"
+                     "[update 1.6.4.]18 dup=19\n[cut]20 value=21\n");
     EXPECT_EQ(listing.long_lines(), std::vector<int>{17});
 }
 
