@@ -12,7 +12,7 @@ TEST(IniListing, LooksUpAsTheFileReaderDoesAndKeepsEveryLine) {
     const std::string text = "top=outside\n# comment=no key\n[DEFAULT]\nbase=/opt\n\n"
                              "[Update 1.6.4.] trailing words\nlast_step_nr=3\nSTEP_1=cmd %(base)/bin\n"
                              "step_1=second\nstep_2=\nstep_3=   \nloop=%(loop)\nref=%(nowhere)x\nstep 4=blank key\n"
-                             "trail=x   \nempty=%(step_2)\nlong=" + std::string(1018, 'a') + "part=two\n"
+                             "trail=x   \nempty=%(step_2)\nlong=" + std::string(1018, 'a') + "tail=two\n"
                              "[update 1.6.4.]\ndup=1\n[cut]\nvalue=abcdefgh";
     rvtest::Sandbox box;
     const std::string file = box.path("script.ini");
@@ -27,7 +27,7 @@ TEST(IniListing, LooksUpAsTheFileReaderDoesAndKeepsEveryLine) {
         {"Update 1.6.4.", "ref"}, {"Update 1.6.4.", "empty"}, {"Update 1.6.4.", "step 4"},
         {"Update 1.6.4.", "trail"},
         // A long line goes on as a line of its own.
-        {"Update 1.6.4.", "long"}, {"Update 1.6.4.", "part"},
+        {"Update 1.6.4.", "long"}, {"Update 1.6.4.", "tail"},
         // Only the first of two sections of one name is read; a header matches by its beginning.
         {"update 1.6.4.", "dup"}, {"Update 1.6.4", "last_step_nr"}, {"cut", "value", 4}, {"cut", "top"},
         {"none", "value"}, {"DEFAULT", "base"},
@@ -44,7 +44,7 @@ TEST(IniListing, LooksUpAsTheFileReaderDoesAndKeepsEveryLine) {
         lines += "\n";
     }
     EXPECT_EQ(lines, "[DEFAULT]3 base=4\n[Update 1.6.4.]6 last_step_nr=7 STEP_1=8 step_1=9 step_2=10 step_3=11 "
-                     "loop=12 ref=13 step 4=14 trail=15 empty=16 long=17 part=17\n"
+                     "loop=12 ref=13 step 4=14 trail=15 empty=16 long=17 tail=17\n"
                      "[update 1.6.4.]18 dup=19\n[cut]20 value=21\n");
     EXPECT_EQ(listing.long_lines(), std::vector<int>{17});
 }
