@@ -10,7 +10,7 @@ else
 BUILD ?= build
 endif
 
-.PHONY: all deps build test demo clean
+.PHONY: all deps build test demo package clean
 
 all: build
 
@@ -27,5 +27,13 @@ test: build
 demo: build
 	scripts/demo.sh
 
+# The Debian package in build-package/, checked by lintian.
+package:
+	@scripts/ensure-deps.sh dpkg-dev lintian
+	cmake -S . -B build-package -G Ninja -DCMAKE_BUILD_TYPE=Release -DRV_BUILD_TESTS=OFF -DRV_WERROR=ON
+	cmake --build build-package -j $(JOBS)
+	cd build-package && cpack
+	lintian --fail-on error build-package/*.deb
+
 clean:
-	rm -rf build build-asan
+	rm -rf build build-asan build-package

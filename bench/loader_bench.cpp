@@ -1,7 +1,8 @@
 // Loading speed of oaisql beside the server's own COPY FROM of the same rows,
 // measured in the same run on a throwaway server: a backup server's media
 // table, 100,000 and 1,000,000 rows, once without errors and once with 0.1%
-// duplicate keys. Not a test: run by hand, prints rows per second and ratios.
+// duplicate keys, each without and with a position file (-p). Not a test:
+// run by hand, prints rows per second and ratios.
 // The server is durable as in production (see bench_server.hpp).
 //
 //   bench_loader [ROWS ...] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT]
@@ -172,7 +173,7 @@ double run_oaisql(const std::string& file, const std::vector<std::string>& tunin
 }
 
 void line(const char* what, long rows, double secs, double copy_secs) {
-    std::printf("%-34s %9ld rows %8.2f s %10.0f rows/s %6.2fx COPY\n", what, rows, secs,
+    std::printf("%-37s %9ld rows %8.2f s %10.0f rows/s %6.2fx COPY\n", what, rows, secs,
                 rows / secs, secs / copy_secs);
     std::fflush(stdout);
 }
@@ -207,6 +208,8 @@ int main(int argc, char** argv) {
         rvtest::Sandbox box;
         const std::string clean = box.dir("gv_rw_work") + "db_media.tmp";
         const std::string failing = box.dir("gv_rw_work") + "db_media_dups.tmp";
+        std::vector<std::string> recorded = tuning;
+        recorded.insert(recorded.end(), {"-p", box.dir("gv_rw_work") + "db_media.pos"});
         for (const long n : sizes) {
             const std::vector<Row> rows = make_rows(n);
             write_script(clean, rows, 0);
@@ -215,8 +218,11 @@ int main(int argc, char** argv) {
             const double copy = run_copy(text);
             line("COPY FROM (PQputCopyData)", n, copy, copy);
             line("oaisql, no errors", n, run_oaisql(clean, tuning, n, 0), copy);
+            line("oaisql -p, no errors", n, run_oaisql(clean, recorded, n, 0), copy);
             line("oaisql, 0.1% duplicate keys", n, run_oaisql(failing, tuning, n - dups, dups),
                  copy);
+            line("oaisql -p, 0.1% duplicate keys", n,
+                 run_oaisql(failing, recorded, n - dups, dups), copy);
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "bench_loader: %s\n", e.what());

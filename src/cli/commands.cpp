@@ -20,6 +20,7 @@
 #include "update/plan.hpp"
 #include "update/run_lock.hpp"
 #include "update/script_check.hpp"
+#include "update/summary.hpp"
 
 namespace rv {
 
@@ -84,13 +85,16 @@ void run_recorded(const char* command, const std::string& section) {
         journal_start(pathes.var_work, {command, pathes.version_old, pathes.version, rvdb_ini,
                                         file_digest(rvdb_ini), {}, {}, {}, {}, {}, false});
     }
+    clear_failure_summary();
     try {
         iDbUpdate(section);
     } catch (const Fatal& fatal) {
         journal_stopped(fatal.what());
+        print_failure_summary();
         throw;
     }
     journal_finished();
+    print_failure_summary();
 }
 
 void update_section() {

@@ -11,8 +11,7 @@ namespace rv {
 
 // The command list; a first argument selects the command at whose position
 // it first occurs in this text.
-inline constexpr std::string_view kCommandList =
-    "update|downgrade|db_backup|db_restore|set_params_fix|resume|plan|check";
+inline constexpr std::string_view kCommandList = "update|downgrade|db_backup|db_restore|set_params_fix|resume|plan|check";
 inline constexpr std::string_view kUsageList =
     "update [{old_version} {new_version}]|downgrade|db_backup|db_restore|set_params_fix|resume|plan|check";
 

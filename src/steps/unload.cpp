@@ -15,6 +15,7 @@
 #include "log/finish.hpp"
 #include "log/prot.hpp"
 #include "log/trace.hpp"
+#include "steps/failures.hpp"
 #include "steps/psql_dump.hpp"
 #include "steps/table_image.hpp"
 #include "sys/strings.hpp"
@@ -92,6 +93,9 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
             const ChildEnd end = run_reported({cmd, {}, nullptr, true}, cmd);
             const int status = end.finished() ? end.status : -1;
             WRITE_TRACE(1, "export %s returned exit state %d", table.c_str(), status);
+            if (status != 0) {
+                step_failed("export " + table + ": the export tool returned exit state " + std::to_string(status));
+            }
             if (strLog.iVerify == 0) {
                 std::printf("export %s returned exit state %d\n", table.c_str(), status);
             }
@@ -118,6 +122,7 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
             std::fflush(stdout);
             throw StepFailure("dump of " + table + " failed: " + msg);
         }
+        step_failed("dump " + table + ": " + msg);
         return false;
     });
     std::fflush(stdout);
@@ -134,7 +139,7 @@ void remove_load_positions(const std::string& work_dir) {
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(work_dir, error)) {
         const std::string name = entry.path().filename().string();
-        if (name.starts_with("db_") && name.ends_with(".tmp.pos")) {
+        if (name.starts_with("db_") && (name.ends_with(".tmp.pos") || name.ends_with(".tmp.pos.new"))) {
             std::filesystem::remove(entry.path(), error);
             WRITE_TRACE(2, "removed the load position %s", entry.path().c_str());
         }
@@ -160,7 +165,8 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable, bool rerun) {
             std::printf("import %s continues after the statements its interrupted load committed\n", table.c_str());
         }
         int errors = 0;
-        const auto count = [&errors](std::string line) {
+        std::size_t statements = 0;
+        const auto count = [&errors, &statements](std::string line) {
             if (strLog.iVerify == 0) {
                 std::fputs(line.c_str(), stdout);
             }
@@ -171,6 +177,7 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable, bool rerun) {
             if (line.find("Error") != std::string::npos) {
                 ++errors;
             }
+            std::sscanf(line.c_str(), "oaisql: %zu statements,", &statements);
         };
         std::string reported = cmd;
         const ChildEnd end = run_reported({cmd, count, nullptr, true}, reported);
@@ -183,6 +190,10 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable, bool rerun) {
             std::printf("import %s returned exit state %d with %d errors\n", table.c_str(), status, errors);
         }
         check_load_complete(table, status);
+        if (errors > 0) {
+            step_failed("import " + table + ": " + with_thousands(static_cast<std::size_t>(errors)) + " of " +
+                        with_thousands(statements) + " statements failed");
+        }
         std::fflush(stdout);
         return true;
     });

@@ -23,7 +23,8 @@ int db_load(std::string_view cpDatabase, std::string_view cpTable, bool rerun = 
 // Where the loader records its position while it loads `image`.
 std::string load_position_path(const std::string& image);
 
-// Removes the load positions (of finished or discarded runs) in `work_dir`.
+// Removes the load positions (of finished or discarded runs) in `work_dir`,
+// with the new ones a killed loader left half written.
 void remove_load_positions(const std::string& work_dir);
 
 }  // namespace rv

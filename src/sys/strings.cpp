@@ -115,4 +115,12 @@ std::string GET_CALL_PARAM(int number, char** option) {
     return line;
 }
 
+std::string with_thousands(std::size_t n) {
+    std::string digits = std::to_string(n);
+    for (std::size_t at = digits.size(); at > 3; at -= 3) {
+        digits.insert(at - 3, 1, ',');
+    }
+    return digits;
+}
+
 }  // namespace rv

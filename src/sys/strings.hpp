@@ -39,6 +39,9 @@ std::string bounded(std::string_view src, std::size_t siz);
 // Lower-cases `s` in place with the locale's tolower; returns `s`.
 std::string& lowercase(std::string& s);
 
+// `n` in decimal with a comma between groups of three digits ("1,000").
+std::string with_thousands(std::size_t n);
+
 // The text printf would make of `cpFormat` and `args`, of any length.
 std::string vformat(const char* cpFormat, std::va_list args) __attribute__((format(printf, 1, 0)));
 

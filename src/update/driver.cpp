@@ -12,11 +12,13 @@
 #include "log/trace.hpp"
 #include "steps/change.hpp"
 #include "steps/command.hpp"
+#include "steps/failures.hpp"
 #include "steps/unload.hpp"
 #include "sys/runner.hpp"
 #include "sys/strings.hpp"
 #include "update/condition.hpp"
 #include "update/journal.hpp"
+#include "update/summary.hpp"
 
 namespace rv {
 
@@ -25,8 +27,10 @@ namespace {
 // Current nesting of iDbUpdate calls.
 int iSectionDepth = 0;
 
-// Numbers of the steps whose sections run now, outermost first.
+// Numbers of the steps whose sections run now, and the sections, outermost
+// first.
 std::vector<int> gStepPath;
+std::vector<std::string> gSections;
 
 void replace_first(std::string& word, std::string_view name, const std::string& value) {
     if (const auto at = word.find(name); at != std::string::npos) {
@@ -42,6 +46,13 @@ __attribute__((format(printf, 1, 2))) void step_line(const char* format, ...) {
     std::vprintf(format, args);
     va_end(args);
     std::fflush(stdout);
+}
+
+// Runs the statement of an sql step; a failure goes into the summary.
+void sql_step(const std::string& database, const std::string& statement) {
+    if (std::string why; !iExecDbStatement(database, statement, &why)) {
+        step_failed("sql " + statement + ": " + why);
+    }
 }
 
 // Runs the step `expanded` for `keyword`; arguments start at `argStart`.
@@ -74,7 +85,7 @@ int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart,
             iRmDir(args.rest);
             break;
         case Keyword::sql:
-            iExecDbStatement(args.database, args.rest);
+            sql_step(args.database, args.rest);
             break;
         case Keyword::skip:
             break;
@@ -124,6 +135,7 @@ int run_step(Keyword keyword, const std::string& expanded, std::size_t argStart,
     } catch (const StepFailure& failure) {
         FINISH(RV_ERROR, step + " failed: " + failure.what() + "; later steps not run");
     }
+    note_step_failures(gSections.empty() ? "" : gSections.back(), iStep, path);
     if (recorded) {
         journal_step_ends(path);
     }
@@ -306,9 +318,15 @@ void iDbUpdate(std::string_view cpVersion) {
     }
     // The depth goes back however the section is left.
     struct Nested {
-        Nested() { ++iSectionDepth; }
-        ~Nested() { --iSectionDepth; }
-    } nested;
+        explicit Nested(const std::string& section) {
+            ++iSectionDepth;
+            gSections.push_back(section);
+        }
+        ~Nested() {
+            --iSectionDepth;
+            gSections.pop_back();
+        }
+    } nested(name);
     WRITE_TRACE(1, "+++ DbUpdate [%s]", name.c_str());
     const std::string section = "[" + name + "]";
     std::string step;

@@ -1,6 +1,5 @@
 #include "update/journal.hpp"
 
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -100,7 +99,7 @@ bool take_line(const std::vector<std::string>& f, JournalRun& run) {
         run.stopped = f[1];
     } else if (what == "finished" && f.size() == 1) {
         run.finished = true;
-    } else if (what != "resumed" || f.size() != 2) {
+    } else if ((what != "resumed" || f.size() != 2) && (what != "failed" || f.size() != 3)) {
         return false;
     }
     return true;
@@ -233,6 +232,8 @@ bool journal_step_begins(const std::string& path, const std::string& text) {
 bool journal_is_rerun(const std::string& path) {
     return !gResumed.interrupted.empty() && gResumed.interrupted == path;
 }
+
+void journal_step_failed(const std::string& path, const std::string& line) { record({"failed", path, line}); }
 
 void journal_step_ends(const std::string& path) { record({"end", path}); }
 

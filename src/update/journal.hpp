@@ -67,6 +67,9 @@ bool journal_step_begins(const std::string& path, const std::string& text);
 // Whether the step `path` is the one the resumed run was interrupted in.
 bool journal_is_rerun(const std::string& path);
 
+// Records that the step `path` failed as `line` says (the run goes on).
+void journal_step_failed(const std::string& path, const std::string& line);
+
 // Records the end of the step `path`.
 void journal_step_ends(const std::string& path);
 

@@ -46,13 +46,14 @@ class DbSteps : public rvtest::DbTest {
 };
 
 TEST_F(DbSteps, DumpChangeImportCarriesEveryRowOnce) {
-    const auto r = rvtest::run(script("last_step_nr=6\n"
+    const auto r = rvtest::run(script("last_step_nr=7\n"
                                       "step_1=dump ravik_db media,empty,\n"
                                       "step_2=sql ravik_db delete from media where id < 4\n"
                                       "step_3=sql ravik_db alter table media add pool varchar(20), drop obsolete\n"
                                       "step_4=change media\n"
                                       "step_5=import ravik_db media\n"
-                                      "step_6=export ravik_db media\n"),
+                                      "step_6=export ravik_db media\n"
+                                      "step_7=sql ravik_db drop table nosuch\n"),
                                rvtest::kToolEnv);
     EXPECT_EQ(r.status, 0) << r.out << r.err;
     // The image lists the rows in the server's order, which fixes no line number.
@@ -75,7 +76,15 @@ TEST_F(DbSteps, DumpChangeImportCarriesEveryRowOnce) {
               "oaisql: 4 statements, 3 succeeded, 1 failed\n"
               "import media returned exit state 256 with 1 errors\n"
               "step=6 db=ravik_db export=media\n"
-              "export media returned exit state 0\n");
+              "export media returned exit state 0\n"
+              "step=7 db=ravik_db sql=drop table nosuch\n"
+              "drop table nosuch\n"
+              " got error from statement: ERROR: table \"nosuch\" does not exist\n");
+    // The failures, in order, closing standard error; the run still ends with 0.
+    EXPECT_TRUE(r.err.ends_with("rv_db_update: 2 steps failed:\n"
+                                "  [Update 1.6.4.] step 5 import media: 1 of 4 statements failed\n"
+                                "  [Update 1.6.4.] step 7 sql drop table nosuch: ERROR: table \"nosuch\" does not "
+                                "exist\n")) << r.err;
 
     // Values come back trimmed, as the image carries them; NULLs, quotes,
     // '=', ',' and unicode exactly; the row that stayed is not doubled.

@@ -122,7 +122,8 @@ TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
     const std::string psql = "psql -e -d ravik_db -P null=NULL -A -c \"select distinct * from media\" 2>&1 > " + sqo;
     const std::string dumped = "select distinct * from media\nid|Label\n1|a\n2|NULL\n(2 rows)\n";
     runner.on(psql, {0, {}, [&](const std::string&) { rvtest::write_file(sqo, dumped); }});
-    runner.on("oaisql", {1, {"Error in line 3: duplicate key (x)", "oaisql: 2 statements, 1 succeeded, 1 failed"}, {}});
+    runner.on("oaisql",
+              {1, {"Error in line 3: duplicate key (x)", "oaisql: 1200 statements, 1199 succeeded, 1 failed"}, {}});
     runner.on("rv_db", {2, {}, {}});
     box.set_glbv("gv_db_type", "POSTGRESQL");
     script("[Update 1.6.4.]\nlast_step_nr=4\nstep_1=dump ravik_db media,\nstep_2=change media\n"
@@ -140,9 +141,12 @@ TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
               "step=1 db=ravik_db dump=media,\nselect 2 rows from media\n"
               "step=2 change table=media\nchange table media\ndb_change call add_entry ( pstrFirstRow, pool, 'daily')\n"
               "step=3 db=ravik_db import=media\nload values into table media\n"
-              "Error in line 3: duplicate key (x)\noaisql: 2 statements, 1 succeeded, 1 failed\n"
+              "Error in line 3: duplicate key (x)\noaisql: 1200 statements, 1199 succeeded, 1 failed\n"
               "import media returned exit state 256 with 1 errors\n"
               "step=4 db=ravik_db export=jobs\nexport jobs returned exit state 512\n");
+    EXPECT_TRUE(err.ends_with("rv_db_update: 2 steps failed:\n  [Update 1.6.4.] step 3 import media: 1 of 1,200 "
+                              "statements failed\n  [Update 1.6.4.] step 4 export jobs: the export tool returned exit "
+                              "state 512\n")) << err;
 
     // Steps that hold the only copy of rows end the run when they fail: a dump of a table that exists (it
     // leaves no image, not even the older one), a change that cannot write its script, an import whose loader
