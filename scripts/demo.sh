@@ -2,8 +2,8 @@
 # make demo: a whole update on a throwaway database. Builds a sample
 # installation under build/demo/ from examples/, starts a PostgreSQL server
 # reachable only through a unix socket, loads a small ravik_db of release
-# 1.6.3.20, and runs rv_db_update db_backup, update and set_params_fix as an
-# operator would. The server's data directory and socket lie in a temporary
+# 1.6.3.20, and runs rv_db_update db_backup, check, plan, update and
+# set_params_fix as an operator would. The server's data directory and socket lie in a temporary
 # directory of its own (mktemp), which user postgres can reach when the
 # checkout cannot be (as root in root's home, in any directory of mode 0700);
 # it is stopped and removed at the end, also when something fails, and its
@@ -97,6 +97,10 @@ cd "$demo"
 section "rv_db_update db_backup"
 "$bin/rv_db_update" db_backup
 echo
+section "rv_db_update check (the update script, read for faults: no word when there is none)"
+"$bin/rv_db_update" check
+section "rv_db_update plan (the steps the update will run; nothing runs yet)"
+"$bin/rv_db_update" plan
 section "rv_db_update update"
 "$bin/rv_db_update" update
 section "rv_db_update set_params_fix"

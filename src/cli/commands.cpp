@@ -17,8 +17,10 @@
 #include "update/checkenv.hpp"
 #include "update/driver.hpp"
 #include "update/journal.hpp"
-#include "update/summary.hpp"
+#include "update/plan.hpp"
 #include "update/run_lock.hpp"
+#include "update/script_check.hpp"
+#include "update/summary.hpp"
 
 namespace rv {
 
@@ -34,6 +36,10 @@ constexpr std::size_t kPosDbBackup = 17;
 constexpr std::size_t kPosDbRestore = 27;
 constexpr std::size_t kPosSetParamsFix = 38;
 constexpr std::size_t kPosResume = 53;
+constexpr std::size_t kPosPlan = 60;
+constexpr std::size_t kPosCheck = 65;
+static_assert(kCommandList.substr(kPosResume, 7) == "resume|" && kCommandList.substr(kPosPlan, 5) == "plan|" &&
+              kCommandList.substr(kPosCheck) == "check");
 
 // Length of the update date written into params_fix: down to the minute.
 constexpr std::size_t kUpdateDateLength = 12;
@@ -99,7 +105,9 @@ void update_section() {
     run_recorded("update", "Update " + *glbvVersion);
 }
 
-int cmd_update(int argc, char** argv) {
+// The environment check with the releases the words behind the command
+// word give by their position; the others are detected.
+void checkenv_with_versions(int argc, char** argv) {
     if (argc > 2) {
         pathes.version_old = argv[2];
     }
@@ -107,8 +115,39 @@ int cmd_update(int argc, char** argv) {
         pathes.version = argv[3];
     }
     checkenv(pathes.version_old, pathes.version);
+}
+
+int cmd_update(int argc, char** argv) {
+    checkenv_with_versions(argc, argv);
     update_section();
     return 0;
+}
+
+// Shows the steps the update would run, without running them: no journal
+// (an unfinished run does not refuse it), no child, no database.
+int cmd_plan(int argc, char** argv) {
+    checkenv_with_versions(argc, argv);
+    glbvVersion = main_version(pathes.version);
+    std::printf("Update main version: %s\n", glbvVersion->c_str());
+    std::printf("[Plan of the update from %s to %s: nothing is run]\n", pathes.version_old.c_str(),
+                pathes.version.c_str());
+    plan_section("Update " + *glbvVersion);
+    return 0;
+}
+
+// The script a check names on the command line ("" for the installation's).
+std::string script_to_check(int argc, char** argv) {
+    return argc > 2 && std::strncmp(argv[2], "-v", 2) != 0 ? argv[2] : "";
+}
+
+// Checks the update script named on the command line, or the installation's.
+int cmd_check(int argc, char** argv) {
+    std::string script = script_to_check(argc, argv);
+    if (script.empty()) {
+        check_installation();
+        script = rvdb_ini;
+    }
+    return check_script_file(script);
 }
 
 void downgrade_section() {
@@ -196,21 +235,13 @@ int cmd_set_params_fix() {
     return 0;
 }
 
-}  // namespace
-
-std::string main_version(std::string_view version) {
-    const auto dot = version.rfind('.');
-    if (dot == std::string_view::npos) {
-        return std::string(version);
-    }
-    return std::string(version.substr(0, dot + 1));
-}
-
-namespace {
-
 // Runs the command the command line names; a fatal condition throws Fatal.
 int run_command(int argc, char** argv) {
-    v_set_log_main("rv_db_update.lgc", "RV_DB_UPDATE");
+    // A check of a script that the command line names reads nothing of the
+    // installation, not even the trace settings.
+    if (argc < 2 || kCommandList.find(argv[1]) != kPosCheck || script_to_check(argc, argv).empty()) {
+        v_set_log_main("rv_db_update.lgc", "RV_DB_UPDATE");
+    }
     scan_trace_option(argc, argv);
     WRITE_TRACE(1, "%s called with: %s", kVersionId, GET_CALL_PARAM(argc, argv).c_str());
 
@@ -242,6 +273,12 @@ int run_command(int argc, char** argv) {
             break;
         case kPosResume:
             ret = cmd_resume();
+            break;
+        case kPosPlan:
+            ret = cmd_plan(argc, argv);
+            break;
+        case kPosCheck:
+            ret = cmd_check(argc, argv);
             break;
         default:
             FINISH(RV_WARNING, usage_text(argv[0], kCommandList));

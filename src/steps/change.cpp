@@ -20,8 +20,6 @@ namespace rv {
 
 namespace {
 
-constexpr std::size_t kKeySize = 256;
-
 std::string joined(const std::vector<std::string>& list, std::size_t from) {
     std::string text;
     for (std::size_t k = from; k < list.size(); ++k) {
@@ -80,10 +78,10 @@ std::string unquoted(std::string value) {
 }
 
 // The column/value pairs of ADD_COLUMNS and ADD_VALUES, announced on the
-// console as they are taken.
+// console as they are taken when `announce`.
 std::vector<std::pair<std::string, std::string>> columns_to_add(const std::string& table, const std::string& section,
                                                                 const std::string& columns,
-                                                                const std::string& values) {
+                                                                const std::string& values, bool announce) {
     std::vector<std::pair<std::string, std::string>> pairs;
     const bool several = columns.find(',') != std::string::npos;
     const std::vector<std::string> cols = split(columns, ',', EmptyFields::drop);
@@ -100,7 +98,9 @@ std::vector<std::pair<std::string, std::string>> columns_to_add(const std::strin
                               std::to_string(kChangeColumnNameMax) + ", value " + std::to_string(kChangeValueMax) +
                               " characters): " + cols[i]);
         }
-        std::printf("db_change call add_entry ( pstrFirstRow, %s, %s)\n", cols[i].c_str(), vals[i].c_str());
+        if (announce) {
+            std::printf("db_change call add_entry ( pstrFirstRow, %s, %s)\n", cols[i].c_str(), vals[i].c_str());
+        }
         const std::string value = unquoted(vals[i]);
         WRITE_TRACE(2, "<add_entry> szColumn : %s", cols[i].c_str());
         WRITE_TRACE(2, "<add_entry> szTmp     : %s", value.c_str());
@@ -108,8 +108,10 @@ std::vector<std::pair<std::string, std::string>> columns_to_add(const std::strin
         if (!several) {
             break;
         }
-        std::printf("db_change after add_entry ( pstrFirstRow, %s, %s)\n", joined(cols, i + 1).c_str(),
-                    joined(vals, i + 1).c_str());
+        if (announce) {
+            std::printf("db_change after add_entry ( pstrFirstRow, %s, %s)\n", joined(cols, i + 1).c_str(),
+                        joined(vals, i + 1).c_str());
+        }
     }
     return pairs;
 }
@@ -186,37 +188,43 @@ std::string insert_text(std::string_view table, const std::string& columns, cons
     return line;
 }
 
-// What the change section of a table asks for.
-struct ChangeKeys {
-    std::vector<std::pair<std::string, std::string>> additions;
-    std::vector<std::string> deletions;
-    std::vector<int> deleted;  // columns removed, for each deletion
-};
+}  // namespace
 
-// Reads ADD_COLUMNS, ADD_VALUES and DEL_COLUMNS of the section
-// "[<main version><table>]"; announces the change on the console.
-ChangeKeys read_change_keys(const std::string& table) {
-    std::string section = "[";
-    section.append(glbvVersion.value_or("")).append(table).append("]");
+ChangeSection read_change_section(const std::string& table, bool announce) {
+    ChangeSection keys;
+    std::string& section = keys.name;
+    section.append("[").append(glbvVersion.value_or("")).append(table).append("]");
     std::string columns = "KEY_NOT_FOUND";
     std::string values = "KEY_NOT_FOUND";
     std::string msg;
-    const bool haveColumns = i_GetPrivateProfileString(rvdb_ini, section, "ADD_COLUMNS", columns, msg, kKeySize);
-    const bool haveValues = i_GetPrivateProfileString(rvdb_ini, section, "ADD_VALUES", values, msg, kKeySize);
+    const bool haveColumns =
+        i_GetPrivateProfileString(rvdb_ini, section, "ADD_COLUMNS", columns, msg, kChangeKeySize);
+    const bool haveValues = i_GetPrivateProfileString(rvdb_ini, section, "ADD_VALUES", values, msg, kChangeKeySize);
     WRITE_TRACE(1, "change table %s", table.c_str());
-    std::printf("change table %s\n", table.c_str());
-    ChangeKeys keys;
+    if (announce) {
+        std::printf("change table %s\n", table.c_str());
+    }
     if (haveColumns || haveValues) {
-        keys.additions = columns_to_add(table, section, columns, values);
+        keys.additions = columns_to_add(table, section, columns, values, announce);
     }
     std::string del;
-    if (i_GetPrivateProfileString(rvdb_ini, section, "DEL_COLUMNS", del, msg, kKeySize)) {
+    if (i_GetPrivateProfileString(rvdb_ini, section, "DEL_COLUMNS", del, msg, kChangeKeySize)) {
         keys.deletions = split(del, ',', EmptyFields::drop);
     }
-    keys.deleted.assign(keys.deletions.size(), 0);
     std::fflush(stdout);
     return keys;
 }
+
+namespace {
+
+// What the change section of a table asks for, and the columns each
+// deletion removed.
+struct ChangeKeys : ChangeSection {
+    std::vector<int> deleted;
+
+    explicit ChangeKeys(ChangeSection section)
+        : ChangeSection(std::move(section)), deleted(deletions.size(), 0) {}
+};
 
 // Adds and drops the columns of `row` as `keys` say.
 void apply_changes(strRow& row, ChangeKeys& keys) {
@@ -296,7 +304,7 @@ void db_change(std::string_view cpTable, bool rerun) {
         std::printf("can not open file %s: return false\n", file.c_str());
         WRITE_TRACE(1, "can not open file %s: return false", file.c_str());
     }
-    ChangeKeys keys = read_change_keys(table);
+    ChangeKeys keys(read_change_section(table, true));
 
     WRITE_TRACE(2, "<write_struct> szTable: %s", table.c_str());
     WRITE_TRACE(2, "<write_struct> try to open file: %s", file.c_str());

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace rv {
@@ -20,6 +21,9 @@ inline constexpr std::size_t kChangeElementMax = 255;    // "name=value"
 inline constexpr std::size_t kChangeColumnNameMax = 31;  // a column name
 inline constexpr std::size_t kChangeValueMax = 259;      // an added value
 inline constexpr std::size_t kChangeListMax = 1999;      // the column or value list of one INSERT
+// ADD_COLUMNS, ADD_VALUES and DEL_COLUMNS are read at this size: a longer
+// value is cut to the size minus one.
+inline constexpr std::size_t kChangeKeySize = 256;
 
 // One column of a row.
 struct strColumns {
@@ -32,6 +36,18 @@ struct strColumns {
 struct strRow {
     std::vector<strColumns> columns;
 };
+
+// What the change section "[<main version><table>]" of a table asks for.
+struct ChangeSection {
+    std::string name;                                            // "[1.6.4.media]"
+    std::vector<std::pair<std::string, std::string>> additions;  // column and value, as added to every row
+    std::vector<std::string> deletions;                          // columns dropped
+};
+
+// Reads the change section of `table` as the change step does, ending the
+// run (FINISH) where the step would; `announce` prints the step's console
+// lines ("change table ...", "db_change call add_entry ...").
+ChangeSection read_change_section(const std::string& table, bool announce);
 
 // The first line of every INSERT script the change step writes.
 inline constexpr std::string_view kChangeScriptStart = "connect ravik_db\n";

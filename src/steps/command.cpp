@@ -37,13 +37,18 @@ std::string translate_for_windows(std::string word) {
     return word;
 }
 
-// Returns true when `word` was a date word (and rewrites it).
-bool rewrite_date_word(std::string& word) {
+// Returns true when `word` was a date word (and rewrites it with the current
+// time stamp, or with `date` when it is given).
+bool rewrite_date_word(std::string& word, std::string_view date) {
     if (word.find("gv_date") == std::string::npos) {
         return false;
     }
     std::string stamp = "I";
-    time_get(stamp);
+    if (date.empty()) {
+        time_get(stamp);
+    } else {
+        stamp = date;
+    }
     if (const auto at = word.find(":gv_date:"); at != std::string::npos) {
         word = word.substr(0, at) + stamp + word.substr(at + 9);
     } else if (word.rfind("gv_date:", 0) == 0) {
@@ -77,16 +82,16 @@ void resolve_references(std::string& word) {
 
 }  // namespace
 
-std::string rewrite_command_word(std::string_view original) {
+std::string rewrite_command_word(std::string_view original, std::string_view date) {
     std::string word(original);
-    if (!rewrite_date_word(word) && on_windows_cmd()) {
+    if (!rewrite_date_word(word, date) && on_windows_cmd()) {
         word = translate_for_windows(std::move(word));
     }
     resolve_references(word);
     return word;
 }
 
-std::string build_command_line(std::string_view cpString) {
+std::string build_command_line(std::string_view cpString, std::string_view date) {
     std::string cmd;
     // Words are the runs of non-blank characters.
     std::size_t pos = cpString.find_first_not_of(' ');
@@ -99,7 +104,7 @@ std::string build_command_line(std::string_view cpString) {
         const std::string token(cpString.substr(pos, end - pos));
         WRITE_TRACE(2, "iCmdExecute: check token [%s]", token.c_str());
         cmd += ' ';
-        cmd += rewrite_command_word(token);
+        cmd += rewrite_command_word(token, date);
         WRITE_TRACE(2, "iCmdExecute: szCmd: %s", cmd.c_str());
         pos = cpString.find_first_not_of(' ', end);
     }

@@ -14,13 +14,14 @@ namespace rv {
 // path could name a parent directory.
 inline constexpr std::size_t kRmDirCommandMax = 511;
 
-// Rewrites one word of a cmd step as iCmdExecute does (without running it).
-std::string rewrite_command_word(std::string_view word);
+// Rewrites one word of a cmd step as iCmdExecute does (without running it);
+// a non-empty `date` stands for gv_date instead of the current time stamp.
+std::string rewrite_command_word(std::string_view word, std::string_view date = {});
 
 // Builds the command line of the cmd step `cpString`: each word rewritten,
 // each preceded by one blank. Ends the run through FINISH when the text
-// holds no word.
-std::string build_command_line(std::string_view cpString);
+// holds no word. `date` as for rewrite_command_word.
+std::string build_command_line(std::string_view cpString, std::string_view date = {});
 
 // Runs the cmd step `cpString` through the shell; its status is not judged
 // (an abnormal end is reported).

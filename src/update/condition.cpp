@@ -72,6 +72,39 @@ bool iCondition(std::string& szCondition) {
     return op.find('>') != std::string::npos;
 }
 
+std::vector<std::string> condition_faults(const std::string& condition) {
+    const std::string shown = "[ " + condition + " ]";
+    if (condition.find("  ") != std::string::npos || condition.find('\t') != std::string::npos) {
+        return {"two blanks or a tab in the condition " + shown +
+                ": its words are not found, it tests the database type"};
+    }
+    const std::vector<std::string> words = split(condition, ' ', EmptyFields::keep);
+    if (words.size() == 1) {
+        if (words[0].empty() || words[0].find_first_of("$\"=<>") != std::string::npos) {
+            return {"condition " + shown + " is one word: it tests the database type"};
+        }
+        return {};
+    }
+    if (words.size() == 2) {
+        return {"condition " + shown + " of two words: an argument is missing"};
+    }
+    std::vector<std::string> faults;
+    if (words.size() > 3) {
+        faults.push_back("condition " + shown + " of " + std::to_string(words.size()) +
+                         " words: the words behind the third are ignored");
+    }
+    for (const std::string& arg : {words[0], words[2]}) {
+        const bool quoted = arg.size() >= 2 && arg.front() == '"' && arg.back() == '"';
+        if (arg != "$old_version" && arg != "$new_version" && !quoted) {
+            faults.push_back("unquoted literal " + arg + " in the condition: releases compare in double quotes");
+        }
+    }
+    if (words[1].find_first_of("=<>") == std::string::npos) {
+        faults.push_back("operator " + words[1] + " holds none of =, < and >: the condition never holds");
+    }
+    return faults;
+}
+
 std::size_t get_string(std::string_view iS, std::string& oS, std::size_t begin, char sep) {
     if (begin >= iS.size()) {
         oS.clear();

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace rv {
 
@@ -17,6 +18,11 @@ namespace rv {
 // and holds when the operator contains '=' (equal), '<' (less) or '>'
 // (greater). A comparison rewrites `szCondition` to "[ a op b ]".
 bool iCondition(std::string& szCondition);
+
+// What keeps the condition text `condition` from testing what it seems to
+// (two blanks, an unquoted literal, an operator that never holds, ...), one
+// text each; empty when it is sound. The releases are not needed.
+std::vector<std::string> condition_faults(const std::string& condition);
 
 // Copies `iS` from `begin` up to the first `sep` (or the end; sep 0 means the
 // end) into `oS`, trims blanks and tabs, and returns the position behind the

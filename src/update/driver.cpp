@@ -32,23 +32,6 @@ int iSectionDepth = 0;
 std::vector<int> gStepPath;
 std::vector<std::string> gSections;
 
-enum class Keyword { change, cmd, dump, exportTable, exit, import, rmdir, sql, skip, section, keyNotFound };
-
-Keyword keyword_of(std::string_view word) {
-    static constexpr std::pair<std::string_view, Keyword> kTable[] = {
-        {"change", Keyword::change}, {"cmd", Keyword::cmd},       {"dump", Keyword::dump},
-        {"export", Keyword::exportTable}, {"exit", Keyword::exit}, {"import", Keyword::import},
-        {"rmdir", Keyword::rmdir},   {"sql", Keyword::sql},       {"skip", Keyword::skip},
-        {"update", Keyword::section}, {"KEY_NOT_FOUND", Keyword::keyNotFound},
-    };
-    for (const auto& [name, keyword] : kTable) {
-        if (word == name) {
-            return keyword;
-        }
-    }
-    return Keyword::section;
-}
-
 void replace_first(std::string& word, std::string_view name, const std::string& value) {
     if (const auto at = word.find(name); at != std::string::npos) {
         word.replace(at, name.size(), value);
@@ -75,50 +58,34 @@ void sql_step(const std::string& database, const std::string& statement) {
 // Runs the step `expanded` for `keyword`; arguments start at `argStart`.
 // Returns 0 when the section is to end.
 int dispatch(Keyword keyword, const std::string& expanded, std::size_t argStart, int iStep, bool rerun) {
-    std::string database;
-    std::string rest;
-    const auto database_and_rest = [&] {
-        const std::size_t next = get_string(expanded, database, argStart, ' ');
-        get_string(expanded, rest, next, '\0');
-    };
+    const StepArgs args = step_args(keyword, expanded, argStart);
+    if (const std::string line = step_console_line(keyword, args, iStep); !line.empty()) {
+        step_line("%s\n", line.c_str());
+    }
     switch (keyword) {
         case Keyword::change:
-            get_string(expanded, rest, argStart, '\0');
-            step_line("step=%d change table=%s\n", iStep, rest.c_str());
-            db_change(rest, rerun);
+            db_change(args.rest, rerun);
             break;
         case Keyword::cmd:
-            get_string(expanded, rest, argStart, '\0');
-            step_line("step=%d cmd=%s\n", iStep, rest.c_str());
-            iCmdExecute(rest);
+            iCmdExecute(args.rest);
             break;
         case Keyword::dump:
-            database_and_rest();
-            step_line("step=%d db=%s dump=%s\n", iStep, database.c_str(), rest.c_str());
-            db_unload("dump", database, rest);
+            db_unload("dump", args.database, args.rest);
             break;
         case Keyword::exportTable:
-            database_and_rest();
-            step_line("step=%d db=%s export=%s\n", iStep, database.c_str(), rest.c_str());
-            db_unload("export", database, rest);
+            db_unload("export", args.database, args.rest);
             break;
         case Keyword::exit:
             WRITE_TRACE(1, "--- PARSER breaks bcs. of keyword 'exit'");
             return 0;
         case Keyword::import:
-            database_and_rest();
-            step_line("step=%d db=%s import=%s\n", iStep, database.c_str(), rest.c_str());
-            db_load(database, rest, rerun);
+            db_load(args.database, args.rest, rerun);
             break;
         case Keyword::rmdir:
-            get_string(expanded, rest, argStart, '\0');
-            step_line("step=%d rmdir=%s\n", iStep, rest.c_str());
-            iRmDir(rest);
+            iRmDir(args.rest);
             break;
         case Keyword::sql:
-            database_and_rest();
-            step_line("step=%d db=%s sql=%s\n", iStep, database.c_str(), rest.c_str());
-            sql_step(database, rest);
+            sql_step(args.database, args.rest);
             break;
         case Keyword::skip:
             break;
@@ -175,7 +142,118 @@ int run_step(Keyword keyword, const std::string& expanded, std::size_t argStart,
     return result;
 }
 
+// The update's own handling of the steps: a step whose condition holds runs.
+class RunningSteps : public StepHandler {
+  public:
+    void section(const std::string&, int, const std::string&, bool, int) override {}
+    int step(const StepCall& call) override {
+        if (!call.runs()) {
+            return 1;
+        }
+        if (call.verdict == StepCall::Verdict::malformed) {
+            print_condition_format_help(call.line);
+        }
+        return run_step(call.keyword, call.expanded, call.argStart, call.number);
+    }
+};
+
+RunningSteps gRunningSteps;
+StepHandler* gStepHandler = &gRunningSteps;
+
 }  // namespace
+
+void set_step_handler(StepHandler* handler) { gStepHandler = handler != nullptr ? handler : &gRunningSteps; }
+
+Keyword keyword_of(std::string_view word) {
+    static constexpr std::pair<std::string_view, Keyword> kTable[] = {
+        {"change", Keyword::change}, {"cmd", Keyword::cmd},       {"dump", Keyword::dump},
+        {"export", Keyword::exportTable}, {"exit", Keyword::exit}, {"import", Keyword::import},
+        {"rmdir", Keyword::rmdir},   {"sql", Keyword::sql},       {"skip", Keyword::skip},
+        {"update", Keyword::section}, {"KEY_NOT_FOUND", Keyword::keyNotFound},
+    };
+    for (const auto& [name, keyword] : kTable) {
+        if (word == name) {
+            return keyword;
+        }
+    }
+    return Keyword::section;
+}
+
+StepText split_step(std::string_view line) {
+    StepText text;
+    text.argStart = get_string(line, text.keyword, 0, ' ');
+    text.command = std::string(line);
+    if (text.keyword != "[") {
+        return text;
+    }
+    text.conditional = true;
+    text.behind = get_string(line, text.condition, 2, ']');
+    if (line.find(" && ") == std::string_view::npos) {
+        // The condition text stands where the keyword belongs.
+        text.malformed = true;
+        text.command.clear();
+        text.keyword = text.condition;
+        text.argStart = 0;
+    } else {
+        get_string(line, text.command, text.behind + 4, '\0');
+        text.argStart = get_string(text.command, text.keyword, 0, ' ');
+    }
+    return text;
+}
+
+StepArgs step_args(Keyword keyword, const std::string& expanded, std::size_t argStart) {
+    StepArgs args;
+    switch (keyword) {
+        case Keyword::dump:
+        case Keyword::exportTable:
+        case Keyword::import:
+        case Keyword::sql:
+            get_string(expanded, args.rest, get_string(expanded, args.database, argStart, ' '), '\0');
+            break;
+        case Keyword::change:
+        case Keyword::cmd:
+        case Keyword::rmdir:
+            get_string(expanded, args.rest, argStart, '\0');
+            break;
+        default:
+            break;
+    }
+    return args;
+}
+
+std::vector<std::string> table_list(const std::string& list) {
+    std::vector<std::string> tables;
+    for (std::string& table : split(list, ',', EmptyFields::keep)) {
+        if (table.empty()) {
+            break;
+        }
+        tables.push_back(std::move(table));
+    }
+    return tables;
+}
+
+std::string step_console_line(Keyword keyword, const StepArgs& args, int iStep) {
+    const std::string step = "step=" + std::to_string(iStep);
+    const std::string db = step + " db=" + args.database;
+    switch (keyword) {
+        case Keyword::change:
+            return step + " change table=" + args.rest;
+        case Keyword::cmd:
+            return step + " cmd=" + args.rest;
+        case Keyword::dump:
+            return db + " dump=" + args.rest;
+        case Keyword::exportTable:
+            return db + " export=" + args.rest;
+        case Keyword::import:
+            return db + " import=" + args.rest;
+        case Keyword::rmdir:
+            return step + " rmdir=" + args.rest;
+        case Keyword::sql:
+            return db + " sql=" + args.rest;
+        default:
+            return {};
+    }
+}
 
 std::string expand_versions(std::string_view text) {
     // Split at every single blank: runs of blanks give empty words, so the
@@ -198,40 +276,35 @@ std::string expand_versions(std::string_view text) {
     return str_trim(expanded);
 }
 
-int parser(std::string_view cpString, int iStep) {
-    const std::string line(cpString);
-    WRITE_TRACE(1, "+++ PARSER %s  (%d)", line.c_str(), iStep);
-    std::string keyword;
-    std::size_t argStart = get_string(line, keyword, 0, ' ');
-    std::string command = line;
-    bool execute = true;
-
-    if (keyword == "[") {
-        std::string condition;
-        const std::size_t behindBracket = get_string(line, condition, 2, ']');
-        WRITE_TRACE(1, "check condition: [%s]", condition.c_str());
-        if (line.find(" && ") == std::string::npos) {
-            WRITE_TRACE(1, "WARNING: condition line in illegal format: %s", line.c_str());
-            print_condition_format_help(line);
-            // The condition text stands where the keyword belongs.
-            command.clear();
-            keyword = condition;
-            argStart = 0;
-        } else if (iCondition(condition)) {
-            WRITE_TRACE(1, "condition is valid: %s", condition.c_str());
-            get_string(line, command, behindBracket + 4, '\0');
-            argStart = get_string(command, keyword, 0, ' ');
+int parser(std::string_view cpString, int iStep, bool repeated) {
+    StepCall call;
+    call.number = iStep;
+    call.depth = iSectionDepth;
+    call.line = std::string(cpString);
+    call.repeated = repeated;
+    WRITE_TRACE(1, "+++ PARSER %s  (%d)", call.line.c_str(), iStep);
+    const StepText text = split_step(call.line);
+    if (text.conditional) {
+        WRITE_TRACE(1, "check condition: [%s]", text.condition.c_str());
+        call.condition = text.condition;
+        if (text.malformed) {
+            WRITE_TRACE(1, "WARNING: condition line in illegal format: %s", call.line.c_str());
+            call.verdict = StepCall::Verdict::malformed;
+        } else if (iCondition(call.condition)) {
+            WRITE_TRACE(1, "condition is valid: %s", call.condition.c_str());
+            call.verdict = StepCall::Verdict::holds;
         } else {
-            WRITE_TRACE(1, "condition is not valid: %s", condition.c_str());
-            execute = false;
+            WRITE_TRACE(1, "condition is not valid: %s", call.condition.c_str());
+            call.verdict = StepCall::Verdict::fails;
         }
     }
-
-    if (execute) {
-        const std::string expanded = expand_versions(command);
-        if (run_step(keyword_of(keyword), expanded, argStart, iStep) == 0) {
-            return 0;
-        }
+    if (call.runs()) {
+        call.keyword = keyword_of(text.keyword);
+        call.expanded = expand_versions(text.command);
+        call.argStart = text.argStart;
+    }
+    if (gStepHandler->step(call) == 0) {
+        return 0;
     }
     WRITE_TRACE(1, "--- PARSER");
     return 1;
@@ -258,21 +331,31 @@ void iDbUpdate(std::string_view cpVersion) {
     const std::string section = "[" + name + "]";
     std::string step;
     std::string msg;
-    i_GetPrivateProfileString(rvdb_ini, section, "last_step_nr", step, msg);
+    const bool found = i_GetPrivateProfileString(rvdb_ini, section, "last_step_nr", step, msg);
     WRITE_TRACE(2, "got last_step_nr: %s, szMsg: %s", step.c_str(), msg.c_str());
     const int count = std::atoi(step.c_str());
+    gStepHandler->section(name, iSectionDepth, step, found, count);
     for (int i = 1; i <= count; ++i) {
         const std::string key = "step_" + std::to_string(i);
         WRITE_TRACE(1, "i_GetPrivateProfileString ( %s, %s, %s, szTmp )", rvdb_ini.c_str(),
                     section.c_str(), key.c_str());
         // A missing key leaves the buffer as it was: the previous step's
         // text runs again under the new number.
-        i_GetPrivateProfileString(rvdb_ini, section, key, step, msg);
-        if (parser(step, i) == 0) {
+        const std::string before = step;
+        const bool stepFound = i_GetPrivateProfileString(rvdb_ini, section, key, step, msg);
+        if (parser(step, i, !stepFound && step == before) == 0) {
             break;
         }
     }
     WRITE_TRACE(1, "--- DbUpdate %s", name.c_str());
+}
+
+std::string main_version(std::string_view version) {
+    const auto dot = version.rfind('.');
+    if (dot == std::string_view::npos) {
+        return std::string(version);
+    }
+    return std::string(version.substr(0, dot + 1));
 }
 
 }  // namespace rv

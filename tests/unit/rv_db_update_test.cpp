@@ -11,55 +11,16 @@
 #include <regex>
 #include <set>
 
-#include "config/product.hpp"
+#include "support/command_test.hpp"
 #include "support/fake_runner.hpp"
-#include "support/product_test.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Args = std::vector<std::string>;
+using Args = rvtest::CommandTest::Args;
 constexpr auto npos = std::string::npos;
 
-class RvDbUpdate : public rvtest::ProductTest {
-  protected:
-    void SetUp() override {
-        ProductTest::SetUp();
-        box.make_installation();
-        for (const char* name : {"OS", "OSTYPE", "PATH", "PGPORT", "OPENRDA_INI", "LD_LIBRARY_PATH"})
-            saved.emplace_back(name, std::getenv(name) ? std::optional<std::string>(std::getenv(name)) : std::nullopt);
-        unsetenv("OS");
-        setenv("OSTYPE", "linux-gnu", 1);
-    }
-    void TearDown() override {
-        for (const auto& [name, value] : saved) value ? setenv(name, value->c_str(), 1) : unsetenv(name);
-        rv::pathes = rv::x{};
-        rv::rvdb_ini.clear();
-        rv::glbvVersion.reset();
-        ProductTest::TearDown();
-    }
-    // Runs "rv_db_update <args>": the exit status; the console into out, err.
-    int run(Args args) {
-        args.insert(args.begin(), "rv_db_update");
-        std::vector<char*> argv;
-        for (auto& arg : args) argv.push_back(arg.data());
-        int status = -1;
-        out = rvtest::capture(1, [&] {
-            err = rvtest::capture(2, [&] { status = rv::rv_db_update_main(int(args.size()), argv.data()); });
-        });
-        return status;
-    }
-    // The exit status, then the console.
-    std::string said(const Args& args) { return std::to_string(run(args)) + out; }
-    void script(const std::string& text) { rvtest::write_file(ro + "skel/rv_db_update.ini", text); }
-    void version_file(const std::string& name, const std::string& version) {
-        rvtest::write_file(ro + name, "[CVS_UPDATE]\nversion=" + version + "\n");
-    }
-
-    std::vector<std::pair<const char*, std::optional<std::string>>> saved;
-    std::string ro = box.dir("gv_ro");
-    std::string out, err;
-};
+class RvDbUpdate : public rvtest::CommandTest {};
 
 // Words select commands, usage or warning; the downgrades end on the scripts that end the run: a section
 // calling itself and an empty command line.
@@ -71,9 +32,9 @@ TEST_F(RvDbUpdate, WordsSelectCommandsAndDowngradePaths) {
     const std::string tar = ro + "downgrade/ravik_db.tar", schema = box.dir("gv_rw_db") + "schema/ravik/";
     const std::string update = "Update main version: 1.6.4.\n[Update from 1.6.3.20 to 1.6.4.71]\nstep=1 cmd=echo\n";
     const std::string usage = "Usage:\nrv_db_update update [{old_version} {new_version}]|downgrade|"
-                              "db_backup|db_restore|set_params_fix|resume [-v 0|1|2]\n";
+                              "db_backup|db_restore|set_params_fix|resume|plan|check [-v 0|1|2]\n";
     const std::string warning = "STATUS=WARNING MSG=Usage:\nrv_db_update "
-                                "update|downgrade|db_backup|db_restore|set_params_fix|resume [-v 0|1|2]\n\n";
+                                "update|downgrade|db_backup|db_restore|set_params_fix|resume|plan|check [-v 0|1|2]\n\n";
     // The console after the environment report (none with status 1), database errors left out.
     const struct { Args args; int status; std::string after_report; const char *newv = "1.6.4.71", *oldv = "1.6.3.20"; }
     cases[] = {
