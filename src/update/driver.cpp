@@ -1,5 +1,7 @@
 #include "update/driver.hpp"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -333,7 +335,12 @@ void iDbUpdate(std::string_view cpVersion) {
     std::string msg;
     const bool found = i_GetPrivateProfileString(rvdb_ini, section, "last_step_nr", step, msg);
     WRITE_TRACE(2, "got last_step_nr: %s, szMsg: %s", step.c_str(), msg.c_str());
-    const int count = std::atoi(step.c_str());
+    const std::optional<int> limited = step_count_of(step);
+    if (!limited) {
+        FINISH(RV_ERROR, "iDbUpdate: section [" + name + "] has last_step_nr=" + step + ", more than " +
+                             std::to_string(kMaxStepCount) + " steps; none of them runs");
+    }
+    const int count = *limited;
     gStepHandler->section(name, iSectionDepth, step, found, count);
     for (int i = 1; i <= count; ++i) {
         const std::string key = "step_" + std::to_string(i);
@@ -348,6 +355,26 @@ void iDbUpdate(std::string_view cpVersion) {
         }
     }
     WRITE_TRACE(1, "--- DbUpdate %s", name.c_str());
+}
+
+std::optional<int> step_count_of(std::string_view text) {
+    std::size_t at = 0;
+    while (at < text.size() && std::isspace(static_cast<unsigned char>(text[at])) != 0) {
+        ++at;
+    }
+    const bool negative = at < text.size() && text[at] == '-';
+    at += at < text.size() && (text[at] == '-' || text[at] == '+') ? 1 : 0;
+    long long count = 0;
+    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
+        count = std::min<long long>(count * 10 + (text[at] - '0'), kMaxStepCount + 1LL);
+    }
+    if (negative) {
+        return 0;
+    }
+    if (count > kMaxStepCount) {
+        return std::nullopt;
+    }
+    return static_cast<int>(count);
 }
 
 std::string main_version(std::string_view version) {

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +17,16 @@ namespace rv {
 // Sections may call sections up to this depth; deeper nesting (a section
 // that calls itself, directly or in a ring) ends the run with an error.
 inline constexpr int kMaxSectionDepth = 64;
+
+// The most steps a section may have: a higher last_step_nr (a slip of the
+// pen would run the last step's text again and again) ends the run when the
+// section is reached, before any of its steps runs.
+inline constexpr int kMaxStepCount = 999;
+
+// The step count the driver reads from last_step_nr's text `text`: its
+// leading number as atoi takes it (no number, or a negative one: 0);
+// nullopt when that number is above kMaxStepCount, however long.
+std::optional<int> step_count_of(std::string_view text);
 
 // The keywords of a step; any other first word names a section.
 enum class Keyword { change, cmd, dump, exportTable, exit, import, rmdir, sql, skip, section, keyNotFound };

@@ -163,7 +163,14 @@ int Checker::step_count(const IniSectionLines& section) {
             bracketed(section.name) + " has no last_step_nr: none of its steps runs");
         return 0;
     }
-    const int count = std::max(0, std::atoi(text->c_str()));
+    const std::optional<int> limited = step_count_of(*text);
+    if (!limited) {
+        add(last->line, true,
+            "last_step_nr=" + *text + " is more than " + std::to_string(kMaxStepCount) +
+                " steps: the update refuses " + bracketed(section.name));
+        return 0;
+    }
+    const int count = *limited;
     if (!is_number(*text)) {
         add(last->line, true,
             "last_step_nr=" + *text + " is no number: the update runs " +

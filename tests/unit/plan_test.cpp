@@ -141,6 +141,10 @@ TEST_F(Plan, EndsWhereTheScriptEndsTheUpdate) {
          "CmdExecute: Format error: No token ' ' in ."},
         {"[Update 1.6.4.]\nlast_step_nr=1\nstep_1=change media\n[1.6.4.media]\nADD_COLUMNS=pool\nADD_VALUES=\n",
          "step=1 change table=media", "db_change: Format error: No further token ',' in value list"},
+        // A step count beyond the limit (it would run the last text again and again) ends the run before a step.
+        {"[Update 1.6.4.]\nlast_step_nr=1\nstep_1=update many\n[update many]\nlast_step_nr=2147483647\n"
+         "step_1=cmd echo\n", "step=1 runs [update many]",
+         "iDbUpdate: section [update many] has last_step_nr=2147483647, more than 999 steps; none of them runs"},
     };
     for (const auto& c : cases) {
         script(c.script);
@@ -178,7 +182,8 @@ TEST_F(Check, FindsEachPlantedFaultAtItsLine) {
         "[update ring]\nlast_step_nr=1\nstep_1=update loop\n"                               // 23 .. 25
         "[update count]\nlast_step_nr=1x\nstep_1=skip\n"                                    // 26 .. 28
         "[1.6.4.media]\nADD_COLUMNS=pool,owner\nADD_VALUES='daily'\n"                       // 29 .. 31
-        "[Downgrade 1.6.4.]\nlast_step_nr=1\nstep_1=change media\n");                       // 32 .. 34
+        "[Downgrade 1.6.4.]\nlast_step_nr=1\nstep_1=change media\n"                         // 32 .. 34
+        "[Update 9.9.9.]\nlast_step_nr=99999999999999999999\n");                            // 35, 36
     const char* const found[] = {
         "4: error: no \" && \" behind the condition: the update prints a format help and runs nothing of this step",
         "5: error: two blanks or a tab in the condition [ $old_version  < \"1.6.4.\" ]: its words are not found, "
@@ -202,6 +207,7 @@ TEST_F(Check, FindsEachPlantedFaultAtItsLine) {
         "27: error: last_step_nr=1x is no number: the update runs 1 step of [update count]",
         "31: error: ADD_COLUMNS names 2 columns, ADD_VALUES gives 1 value: they are paired in order, the rest is lost",
         "34: warning: change of media: no section [media], no column is added or dropped",
+        "36: error: last_step_nr=99999999999999999999 is more than 999 steps: the update refuses [Update 9.9.9.]",
     };
     std::string expected;
     for (const char* line : found) expected += file + ":" + line + "\n";
