@@ -4,12 +4,16 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <map>
+#include <algorithm>
+#include <cstdio>
 #include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 
 #include "support/run.hpp"
+#include "support/sandbox.hpp"
 
 namespace rvbench {
 
@@ -136,6 +140,42 @@ void DurableServer::must(const std::vector<std::string>& argv) {
     if (result.status != 0) {
         throw std::runtime_error(argv.front() + " failed: " + result.out + result.err);
     }
+}
+
+PeakLog::PeakLog(const std::string& dir)
+    : dir_(dir), log_(dir + "/peaks.log"), peak_((fs::read_symlink("/proc/self/exe").parent_path() / "bench_peak").string()) {
+    fs::create_directories(bin());
+}
+
+std::vector<std::string> PeakLog::command(std::vector<std::string> argv) const {
+    argv.insert(argv.begin(), {peak_, log_});
+    return argv;
+}
+
+void PeakLog::wrap(const std::string& path, const std::string& program) const {
+    fs::remove(path);
+    rvtest::write_file(path, "#!/bin/sh\nexec '" + peak_ + "' '" + log_ + "' '" + program + "' \"$@\"\n");
+    fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                              fs::perms::others_read | fs::perms::others_exec);
+}
+
+std::string PeakLog::take() {
+    std::map<std::string, long> peaks;
+    for (const std::string& line : rvtest::read_lines(log_)) {
+        const auto blank = line.rfind(' ');
+        if (blank != std::string::npos) {
+            long& peak = peaks[line.substr(0, blank)];
+            peak = std::max(peak, std::atol(line.c_str() + blank + 1));
+        }
+    }
+    fs::remove(log_);
+    std::string text;
+    for (const auto& [name, kb] : peaks) {
+        char figure[64];
+        std::snprintf(figure, sizeof figure, "%s%s %.1f MB", text.empty() ? "" : ", ", name.c_str(), kb / 1024.0);
+        text += figure;
+    }
+    return text.empty() ? "(none)" : text;
 }
 
 }  // namespace rvbench

@@ -61,4 +61,27 @@ class DurableServer {
     int watchdog_pipe_ = -1;
 };
 
+// The peak resident memory of every process of a run: programs started
+// under bench_peak (directly, or through a wrapper script of the same name
+// in dir()/bin, put first in PATH or in the program's place) append their
+// peak to one log.
+class PeakLog {
+  public:
+    explicit PeakLog(const std::string& dir);
+    // `argv` run under bench_peak.
+    std::vector<std::string> command(std::vector<std::string> argv) const;
+    // Writes the wrapper `path` that runs `program` under bench_peak.
+    void wrap(const std::string& path, const std::string& program) const;
+    // The directory of wrappers named like the programs they run.
+    std::string bin() const { return dir_ + "/bin"; }
+    // "name N MB, ..." with the largest peak of each program since the last
+    // call, and the log emptied.
+    std::string take();
+
+  private:
+    std::string dir_;
+    std::string log_;
+    std::string peak_;  // the bench_peak program
+};
+
 }  // namespace rvbench

@@ -150,12 +150,12 @@ double run_copy(const std::string& text) {
 }
 
 double run_oaisql(const std::string& file, const std::vector<std::string>& tuning, long expect_rows,
-                  long expect_errors) {
+                  long expect_errors, const rvbench::PeakLog& peaks) {
     fresh_table();
     std::vector<std::string> argv{rvtest::bin("oaisql"), "-c", file, "-e"};
     argv.insert(argv.end(), tuning.begin(), tuning.end());
     const auto start = std::chrono::steady_clock::now();
-    const rvtest::RunResult result = rvtest::run(argv);
+    const rvtest::RunResult result = rvtest::run(peaks.command(argv));
     const double took = seconds_since(start);
     long errors = 0;
     for (std::size_t at = result.out.find("Error"); at != std::string::npos;
@@ -172,9 +172,9 @@ double run_oaisql(const std::string& file, const std::vector<std::string>& tunin
     return took;
 }
 
-void line(const char* what, long rows, double secs, double copy_secs) {
-    std::printf("%-37s %9ld rows %8.2f s %10.0f rows/s %6.2fx COPY\n", what, rows, secs,
-                rows / secs, secs / copy_secs);
+void line(const char* what, long rows, double secs, double copy_secs, const std::string& memory = "") {
+    std::printf("%-37s %9ld rows %8.2f s %10.0f rows/s %6.2fx COPY  %s\n", what, rows, secs,
+                rows / secs, secs / copy_secs, memory.c_str());
     std::fflush(stdout);
 }
 
@@ -206,6 +206,7 @@ int main(int argc, char** argv) {
         std::printf("oaisql: %s statements per commit, %s rows per INSERT\n", batch.c_str(),
                     group.c_str());
         rvtest::Sandbox box;
+        rvbench::PeakLog peaks(box.path("peak"));
         const std::string clean = box.dir("gv_rw_work") + "db_media.tmp";
         const std::string failing = box.dir("gv_rw_work") + "db_media_dups.tmp";
         std::vector<std::string> recorded = tuning;
@@ -217,12 +218,16 @@ int main(int argc, char** argv) {
             const std::string text = copy_text(rows);
             const double copy = run_copy(text);
             line("COPY FROM (PQputCopyData)", n, copy, copy);
-            line("oaisql, no errors", n, run_oaisql(clean, tuning, n, 0), copy);
-            line("oaisql -p, no errors", n, run_oaisql(clean, recorded, n, 0), copy);
-            line("oaisql, 0.1% duplicate keys", n, run_oaisql(failing, tuning, n - dups, dups),
-                 copy);
-            line("oaisql -p, 0.1% duplicate keys", n,
-                 run_oaisql(failing, recorded, n - dups, dups), copy);
+            // Each run's time, ratio and the loader's peak resident memory.
+            const auto measured = [&](const char* what, const std::string& file,
+                                      const std::vector<std::string>& options, long dup_rows) {
+                const double secs = run_oaisql(file, options, n - dup_rows, dup_rows, peaks);
+                line(what, n, secs, copy, "peak " + peaks.take());
+            };
+            measured("oaisql, no errors", clean, tuning, 0);
+            measured("oaisql -p, no errors", clean, recorded, 0);
+            measured("oaisql, 0.1% duplicate keys", failing, tuning, dups);
+            measured("oaisql -p, 0.1% duplicate keys", failing, recorded, dups);
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "bench_loader: %s\n", e.what());

@@ -17,6 +17,7 @@
 // kept values must come back unchanged, every row must carry the added value
 // and the dropped column must be gone.
 #include <libpq-fe.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -205,14 +206,31 @@ void expect_same(const std::vector<std::string>& want, const std::string& after)
     }
 }
 
-// A product installation in a sandbox for the tool, with the update script.
-void prepare_installation(rvtest::Sandbox& box) {
+// The program `name` as the shell finds it in PATH.
+std::string in_path(const std::string& name) {
+    const char* path = std::getenv("PATH");
+    std::string dirs = path != nullptr ? path : "";
+    for (std::size_t at = 0; at <= dirs.size();) {
+        const std::size_t end = std::min(dirs.find(':', at), dirs.size());
+        const std::string dir = dirs.substr(at, end - at);
+        if (!dir.empty() && access((dir + "/" + name).c_str(), X_OK) == 0) {
+            return dir + "/" + name;
+        }
+        at = end + 1;
+    }
+    throw std::runtime_error(name + " is not in PATH");
+}
+
+// A product installation in a sandbox for the tool, with the update script;
+// psql and oaisql run under `peaks`.
+void prepare_installation(rvtest::Sandbox& box, const rvbench::PeakLog& peaks) {
     box.make_installation();
     box.extra_sections = "[SERVER]\ngv_port_db=" + std::to_string(rvbench::DurableServer::kPort) + "\n";
     box.write_rv_ini();
     rvtest::write_file(box.dir("gv_ro") + "skel/rv_db_update.ini", kUpdateScript);
     fs::create_symlink(rvtest::bin("rv_db"), box.dir("gv_ro_bin") + "rv_db");
-    fs::create_symlink(rvtest::bin("oaisql"), box.dir("gv_ro_db") + "oaisql");
+    peaks.wrap(box.dir("gv_ro_db") + "oaisql", rvtest::bin("oaisql"));
+    peaks.wrap(peaks.bin() + "/psql", in_path("psql"));
     rvtest::write_file(box.dir("gv_rw_glbv") + "gv_prot.rgv", box.path("rw/protocol.log"));
     rvtest::write_file(box.dir("gv_rw_glbv") + "gv_db_type.rgv", "POSTGRESQL");
 }
@@ -225,6 +243,7 @@ struct Figures {
     double change = 0;
     double import = 0;
     double tool = 0;  // the whole rv_db_update run
+    std::string memory;  // peak resident memory of each program of the run
 };
 
 double round_trip(const Figures& f) { return f.dump + f.change + f.import; }
@@ -237,13 +256,16 @@ void require(bool ok, const std::string& what, const rvtest::RunResult& run) {
     }
 }
 
-// One run of the tool on the filled table; fills in the step times.
-void run_update(rvtest::Sandbox& box, long rows, Figures& f) {
+// One run of the tool on the filled table, it and its psql and oaisql under
+// `peaks`; fills in the step times.
+void run_update(rvtest::Sandbox& box, long rows, rvbench::PeakLog& peaks, Figures& f) {
     const std::string marks = box.dir("gv_rw_work") + "bench_marks.txt";
     fs::remove(marks);
     const auto start = std::chrono::steady_clock::now();
     const rvtest::RunResult run =
-        rvtest::run({rvtest::bin("rv_db_update"), "update", "1.6.3.20", "1.6.4.71"}, {{"OS", ""}});
+        rvtest::run(peaks.command({rvtest::bin("rv_db_update"), "update", "1.6.3.20", "1.6.4.71"}),
+                    {{"OS", ""}, {"PATH", peaks.bin() + ":" + std::getenv("PATH")}});
+    f.memory = peaks.take();
     f.tool = seconds_since(start);
     require(run.status == 0, "rv_db_update failed", run);
     const std::string dumped = "select " + std::to_string(rows) + " rows from media\n";
@@ -281,7 +303,7 @@ void print_line(const char* what, long rows, double secs, double reference, cons
     std::fflush(stdout);
 }
 
-Figures measure(rvtest::Sandbox& box, long rows, const std::string& text) {
+Figures measure(rvtest::Sandbox& box, rvbench::PeakLog& peaks, long rows, const std::string& text) {
     Figures f;
     const std::string copy_file = box.dir("gv_rw_tmp") + "media.copy";
     fill_table(text);
@@ -297,7 +319,7 @@ Figures measure(rvtest::Sandbox& box, long rows, const std::string& text) {
     fs::remove(copy_file);
     settle();
 
-    run_update(box, rows, f);
+    run_update(box, rows, peaks, f);
     expect_same(want, "the update");
     const std::string full = query("ravik_db", "select count(*) from media where status = 'Full'");
     const std::string slot =
@@ -317,6 +339,7 @@ Figures measure(rvtest::Sandbox& box, long rows, const std::string& text) {
     print_line("dump + change + import", rows, round_trip(f), copy_round_trip(f), "COPY out + in");
     std::printf("  %-32s %8.2f s\n", "(truncate, alter, checkpoint)", f.schema);
     std::printf("  %-32s %8.2f s\n", "(whole rv_db_update run)", f.tool);
+    std::printf("  %-32s %s\n", "peak resident memory", f.memory.c_str());
     std::fflush(stdout);
     return f;
 }
@@ -382,14 +405,15 @@ int main(int argc, char** argv) {
         std::printf("server: fsync %s, synchronous_commit %s\n", query("ravik_db", "show fsync").c_str(),
                     query("ravik_db", "show synchronous_commit").c_str());
         rvtest::Sandbox box;
-        prepare_installation(box);
+        rvbench::PeakLog peaks(box.path("peak"));
+        prepare_installation(box, peaks);
         for (const long n : sizes) {
             const std::string text = make_copy_text(n);
             std::vector<Figures> runs;
             for (int r = 1; r <= repeats; ++r) {
                 std::printf("%ld rows, run %d of %d (load average %s)\n", n, r, repeats,
                             load_average().c_str());
-                runs.push_back(measure(box, n, text));
+                runs.push_back(measure(box, peaks, n, text));
             }
             if (repeats > 1) {
                 summary(n, runs);
