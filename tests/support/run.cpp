@@ -18,7 +18,8 @@ namespace rvtest {
 
 std::string bin(const std::string& name) { return std::string(RV_BIN_DIR) + "/" + name; }
 
-Background::Background(const std::vector<std::string>& argv, const Env& env, const std::string& input) {
+Background::Background(const std::vector<std::string>& argv, const Env& env, const std::string& input,
+                       int err_fd) {
     for (const char* stem : {"rvin", "rvout", "rverr"}) {
         files_.push_back((std::filesystem::temp_directory_path() / stem).string() + ".XXXXXX");
         const int fd = mkstemp(files_.back().data());
@@ -41,7 +42,8 @@ Background::Background(const std::vector<std::string>& argv, const Env& env, con
             value.empty() ? unsetenv(key.c_str()) : setenv(key.c_str(), value.c_str(), 1);
         }
         for (int fd = 0; fd < 3; ++fd) {
-            dup2(open(files_[fd].c_str(), fd == 0 ? O_RDONLY : O_WRONLY | O_TRUNC), fd);
+            dup2(fd == 2 && err_fd >= 0 ? err_fd : open(files_[fd].c_str(), fd == 0 ? O_RDONLY : O_WRONLY | O_TRUNC),
+                 fd);
         }
         execv(args[0], args.data());
         _exit(127);

@@ -23,10 +23,12 @@ using Env = std::map<std::string, std::string>;
 std::string bin(const std::string& name);
 
 // A program started in the background (argv[0] is its path); killed if the
-// object goes away before wait().
+// object goes away before wait(). Its standard error goes to `err_fd` when
+// given (err is then empty), else to a file.
 class Background {
   public:
-    explicit Background(const std::vector<std::string>& argv, const Env& env = {}, const std::string& input = "");
+    explicit Background(const std::vector<std::string>& argv, const Env& env = {}, const std::string& input = "",
+                        int err_fd = -1);
     ~Background();
     Background(const Background&) = delete;
     Background& operator=(const Background&) = delete;
