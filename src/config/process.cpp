@@ -8,6 +8,7 @@
 
 #include "log/finish.hpp"
 #include "log/prot.hpp"
+#include "sys/progress.hpp"
 
 namespace rv {
 
@@ -73,6 +74,7 @@ ChildEnd run_reported(const ChildCommand& command, std::string& cpExe) {
     const std::string prefix = prefix_of(cpExe);
     const std::string named = cpExe;
     const ChildEnd end = child_runner().run(command);
+    clear_progress_line();  // what follows may go to the console
     switch (end.how) {
         case ChildEnd::How::refused:
             std::printf("error occured in i_setenv_ravik\n");

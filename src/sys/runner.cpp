@@ -1,5 +1,6 @@
 #include "sys/runner.hpp"
 
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -14,6 +15,8 @@
 #include <cstring>
 #include <ctime>
 #include <vector>
+
+#include "sys/progress.hpp"
 
 extern char** environ;
 
@@ -63,6 +66,7 @@ const char* volatile gQuitNotice = nullptr;
 void on_quit(int /*signo*/) {
     const char* notice = gQuitNotice;
     if (notice != nullptr) {
+        erase_progress_line_in_handler();
         [[maybe_unused]] const ssize_t n = write(STDERR_FILENO, notice, std::strlen(notice));
     }
     siglongjmp(gQuitJump, 1);
@@ -90,6 +94,38 @@ void sleep_ms(int ms) {
     while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
     }
 }
+
+// Calls a command's on_tick every kChildTickMs while the tool waits. It has
+// no destructor: it lives in the frame a quit signal jumps back to.
+class Ticker {
+  public:
+    explicit Ticker(const std::function<void()>& tick) : tick_(tick) { clock_gettime(CLOCK_MONOTONIC, &last_); }
+
+    bool active() const { return static_cast<bool>(tick_); }
+
+    // Milliseconds until the next call is due, 0 when it is.
+    int due_in() const { return static_cast<int>(std::max(0L, kChildTickMs - elapsed_ms(last_))); }
+
+    // Calls on_tick when it is due. A quit signal waits meanwhile: its jump
+    // must not leave the call half done.
+    void maybe() noexcept {
+        if (!tick_ || due_in() > 0) {
+            return;
+        }
+        sigset_t quit;
+        sigset_t old;
+        sigemptyset(&quit);
+        sigaddset(&quit, SIGQUIT);
+        sigprocmask(SIG_BLOCK, &quit, &old);
+        tick_();
+        clock_gettime(CLOCK_MONOTONIC, &last_);
+        sigprocmask(SIG_SETMASK, &old, nullptr);
+    }
+
+  private:
+    const std::function<void()>& tick_;
+    timespec last_{};
+};
 
 // Child side, in the guardian's group: becomes the shell.
 [[noreturn]] void exec_shell(const char* line, int out_fd, const struct sigaction* saved,
@@ -190,7 +226,8 @@ void escalate(pid_t pid, long ms, int& sent) {
 // Waits for `pid`, stopping it once a stop is requested. The wait polls, so
 // that a stop request is seen even where a handler's interruption is not.
 // Returns the wait status, or -1 - errno when there is no child to wait for.
-int wait_owned(pid_t pid) {
+// `ticker`, when given, is called on the way.
+int wait_owned(pid_t pid, Ticker* ticker = nullptr) {
     int sent = 0;
     int pause = 1;
     timespec stop{};
@@ -209,6 +246,9 @@ int wait_owned(pid_t pid) {
             }
             escalate(pid, elapsed_ms(stop), sent);
         }
+        if (ticker != nullptr) {
+            ticker->maybe();
+        }
         sleep_ms(pause);
         pause = std::min(pause * 2, kPollMs);
     }
@@ -216,30 +256,38 @@ int wait_owned(pid_t pid) {
 
 // The wait of a quittable child: a quit signal jumps back here from inside
 // waitpid. Nothing in this frame has a destructor, so the jump skips none.
-int wait_quittable(pid_t pid, const char* notice, bool& interrupted) {
+int wait_quittable(pid_t pid, const char* notice, bool& interrupted, Ticker& ticker) {
     if (sigsetjmp(gQuitJump, 1) != 0) {
         sigaction(SIGQUIT, &gQuitBefore, nullptr);
         gQuitNotice = nullptr;
         interrupted = true;
         gStopRequested = 1;
-        return wait_owned(pid);
+        return wait_owned(pid, &ticker);
     }
     gQuitNotice = notice;
     struct sigaction action {};
     action.sa_handler = on_quit;
     sigemptyset(&action.sa_mask);
     sigaction(SIGQUIT, &action, &gQuitBefore);
-    const int status = wait_owned(pid);
+    const int status = wait_owned(pid, &ticker);
     sigaction(SIGQUIT, &gQuitBefore, nullptr);
     gQuitNotice = nullptr;
     return status;
 }
 
-// Hands the lines of `fd` to `on_line`.
-void pass_lines(int fd, const std::function<void(const std::string&)>& on_line) {
+// Hands the lines of `fd` to `on_line`, calling `ticker` on the way.
+void pass_lines(int fd, const std::function<void(const std::string&)>& on_line, Ticker& ticker) {
     std::string pending;
     char buffer[8192];
     while (true) {
+        ticker.maybe();
+        if (ticker.active()) {
+            pollfd ready{fd, POLLIN, 0};
+            const int r = poll(&ready, 1, ticker.due_in());
+            if (r == 0 || (r < 0 && errno == EINTR)) {
+                continue;
+            }
+        }
         const ssize_t n = read(fd, buffer, sizeof buffer);
         if (n < 0 && errno == EINTR) {
             continue;
@@ -309,6 +357,7 @@ class Owned {
 void take_keyboard_signal(ChildEnd& end, const char* quit_notice) {
     const int sig = WTERMSIG(end.status);
     if (sig == SIGQUIT && quit_notice != nullptr) {
+        clear_progress_line();
         [[maybe_unused]] const ssize_t n = write(STDERR_FILENO, quit_notice, std::strlen(quit_notice));
         end.how = ChildEnd::How::interrupted;
     } else if (sig == SIGINT || sig == SIGQUIT) {
@@ -366,12 +415,14 @@ class RealRunner : public ChildRunner {
             close(fds[1]);
         }
         Owned owned(pid, fds[0], terminal);
+        Ticker ticker(command.on_tick);
         if (command.on_line) {
-            pass_lines(owned.fd(), command.on_line);
+            pass_lines(owned.fd(), command.on_line, ticker);
         }
         bool interrupted = false;
-        const int status = command.quit_notice != nullptr ? wait_quittable(pid, command.quit_notice, interrupted)
-                                                           : wait_owned(pid);
+        const int status = command.quit_notice != nullptr
+                               ? wait_quittable(pid, command.quit_notice, interrupted, ticker)
+                               : wait_owned(pid, &ticker);
         owned.reaped();
         if (status < 0) {
             end.error = -1 - status;
@@ -437,29 +488,5 @@ StopSignalsAtDefault::~StopSignalsAtDefault() {
 }
 
 int stop_signal() { return gStopSignal; }
-
-std::string signal_name(int signo) {
-    const char* abbrev = sigabbrev_np(signo);
-    return abbrev != nullptr ? std::string("SIG") + abbrev : "signal " + std::to_string(signo);
-}
-
-std::string shell_quote(std::string_view word) {
-    constexpr std::string_view kPlain = "_-+./:=,@%";
-    bool plain = !word.empty();
-    for (const char c : word) {
-        const bool alnum = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-        plain = plain && (alnum || kPlain.find(c) != std::string_view::npos);
-    }
-    if (plain) {
-        return std::string(word);
-    }
-    std::string quoted = "'";
-    for (const char c : word) {
-        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return quoted + "'";
-}
-
-bool shell_double_quotable(std::string_view text) { return text.find_first_of("\"$`\\") == std::string_view::npos; }
 
 }  // namespace rv

@@ -20,6 +20,9 @@ namespace rv {
 // statement), SIGTERM after half a second and SIGKILL after this long.
 inline constexpr int kChildGraceMs = 2000;
 
+// How often ChildCommand::on_tick is called while a child runs.
+inline constexpr int kChildTickMs = 250;
+
 // What to run and how.
 struct ChildCommand {
     std::string shell_line;  // run by "/bin/sh -c"
@@ -35,6 +38,10 @@ struct ChildCommand {
     bool prepare_environment = true;
     // Variables set for this child (and what it starts) only.
     std::vector<std::pair<std::string, std::string>> environment = {};
+    // When set, called about every kChildTickMs while the tool waits for the
+    // child (and reads its lines), with a quit signal held back meanwhile.
+    // It must not throw: an exception ends the tool.
+    std::function<void()> on_tick = {};
 };
 
 // How a child ended.

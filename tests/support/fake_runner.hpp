@@ -14,12 +14,15 @@ namespace rvtest {
 class FakeRunner : public rv::ChildRunner {
   public:
     // How a matching run ends: the exit code, the lines of standard output it
-    // hands over, and an effect on the world (files a real child would write).
+    // hands over, an effect on the world (files a real child would write),
+    // and how often the command's on_tick is called between the effect and
+    // the lines.
     struct Answer {
         int exit_code = 0;
         std::vector<std::string> lines;
         std::function<void(const std::string& shell_line)> effect;
         rv::ChildEnd::How how = rv::ChildEnd::How::finished;
+        int ticks = 0;
     };
 
     FakeRunner() { rv::set_child_runner(this); }
@@ -42,6 +45,9 @@ class FakeRunner : public rv::ChildRunner {
         }
         if (answer.effect) {
             answer.effect(command.shell_line);
+        }
+        for (int i = 0; i < answer.ticks && command.on_tick; ++i) {
+            command.on_tick();
         }
         for (const std::string& line : answer.lines) {
             if (command.on_line) {

@@ -82,4 +82,35 @@ TEST_F(Runner, NamesLinesAndEndsComeThroughTheShell) {
                   std::to_string(rv::shell_double_quotable("select \"x\" from t")), "10");
 }
 
+// A child that ends only once the tool's on_tick has made a file: ticks
+// come while the tool waits, while it reads lines, and in a quittable wait.
+TEST_F(Runner, TicksComeWhileTheToolWaitsForItsChild) {
+    const std::string flag = box.path("ticked");
+    const std::string child = "i=0; while [ ! -e " + flag + " ] && [ $i -lt 1000 ]; do sleep 0.01; i=$((i+1)); done; " +
+                              "test -e " + flag + " && echo seen";
+    struct Case {
+        const char* what;
+        bool lines;
+        const char* quit_notice;
+    };
+    for (const Case& c : {Case{"plain wait", false, nullptr}, Case{"reading lines", true, nullptr},
+                          Case{"quittable wait", false, "quit!\n"}}) {
+        std::filesystem::remove(flag);
+        int ticks = 0;
+        std::string out;
+        rv::ChildCommand command{child + (c.lines ? "" : " > /dev/null"), {}, c.quit_notice, false};
+        command.on_tick = [&] {
+            ++ticks;
+            rvtest::write_file(flag, "");
+        };
+        if (c.lines) {
+            command.on_line = [&out](const std::string& line) { out += line; };
+        }
+        const rv::ChildEnd end = rv::child_runner().run(command);
+        EXPECT_EQ(end.exit_code(), 0) << c.what << ": the child saw no tick";
+        EXPECT_GE(ticks, 1) << c.what;
+        EXPECT_EQ(out, c.lines ? "seen\n" : "") << c.what;
+    }
+}
+
 }  // namespace
