@@ -1,6 +1,6 @@
 // The command line of the loader oaisql:
 // "oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT]
-// [-p POSFILE [-r]]".
+// [-p POSFILE [-r]] [-q]".
 #pragma once
 
 namespace rv {

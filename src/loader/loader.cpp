@@ -3,6 +3,8 @@
 // to the server in session.cpp and pipeline.cpp.
 #include "loader/loader.hpp"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cerrno>
@@ -18,10 +20,20 @@
 #include "loader/position.hpp"
 #include "loader/script.hpp"
 #include "loader/session.hpp"
+#include "sys/progress.hpp"
 
 namespace rv {
 
 namespace {
+
+// The statements of the script of `options` when a progress line on `err`
+// is to show them, else nullopt.
+std::optional<ScriptCount> count_for_progress(const LoaderOptions& options, std::FILE* err) {
+    if (options.quiet || ::isatty(::fileno(err)) != 1) {
+        return std::nullopt;
+    }
+    return count_statements(options.file);
+}
 
 // Commits wait for the disk only at the end of a batch this long after the
 // last one that did; the commits in between do not, so what a crash can take
@@ -44,7 +56,10 @@ class Loader {
           outcome_(out, options.echo_statement, position_.get()),
           pipeline_(session_, shapes_, outcome_, position_.get(),
                     std::max<std::size_t>(1, options.batch)),
-          resume_(std::move(resume)) {}
+          resume_(std::move(resume)),
+          count_(count_for_progress(options, err)),
+          progress_(options.quiet ? -1 : ::fileno(err), options.file,
+                    count_ ? std::optional<std::uint64_t>(count_->statements) : std::nullopt) {}
 
     // Runs the whole script; throws Stop when it cannot go on.
     void run();
@@ -96,6 +111,8 @@ class Loader {
     std::size_t skip_through_ = 0;        // statements up to this line ran before
     std::size_t done_line_ = 0;           // the script is done up to this line
     std::chrono::steady_clock::time_point acknowledged_at_;  // when a batch was made durable
+    std::optional<ScriptCount> count_;  // with a progress line only
+    ProgressLine progress_;             // the statements done
 };
 
 void Loader::run() {
@@ -149,6 +166,7 @@ Unit Loader::run_batch(Unit unit) {
     pipeline_.start(batch, durable);
     Unit next = units_.next();  // read on while the server works
     pipeline_.finish(batch);
+    progress_.advance(batch.size());
     done_line_ = batch.back().line;
     if (durable) {
         make_durable();  // rarely left to do: see make_durable
@@ -183,7 +201,10 @@ void Loader::settle() {
     position_->start(line, std::move(unsaid));
     skip_through_ = done_line_ = line;
     resume_.reset();
+    progress_.clear();
     std::fprintf(err_, "oaisql: continuing %s after line %zu\n", options_.file.c_str(), line);
+    progress_.set_done(count_ ? count_->statements_through(line) : 0);
+    progress_.rebase();
 }
 
 void Loader::ensure_connection() {
@@ -214,6 +235,7 @@ void Loader::run_alone(const Statement& statement) {
         outcome_.add_succeeded(1);
     }
     shapes_.forget();
+    progress_.advance();
     done_line_ = statement.line;
     if (position_) {
         make_durable();
@@ -271,6 +293,7 @@ int run_loader(const LoaderOptions& options, std::FILE* out, std::FILE* err) {
         loader.run();
     } catch (const Stop& stop) {
         std::fflush(out);
+        clear_progress_line();
         std::fprintf(err, "oaisql: %s\n", stop.what());
         std::fflush(err);
         print_summary(out, loader.outcome().succeeded(), loader.outcome().failed(), true);

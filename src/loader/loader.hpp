@@ -4,7 +4,9 @@
 // statement that succeeds on its own is committed exactly once, and a
 // summary line closes the output. Exit status: 0, 1 (failures) or 2.
 // With a position file (-p) it records how far it got, and continues an
-// interrupted run from there (-r): see position.hpp.
+// interrupted run from there (-r): see position.hpp. While it runs, a
+// progress line on standard error shows the statements done of those of
+// the script, when standard error is a terminal and -q does not turn it off.
 #pragma once
 
 #include <cstddef>
@@ -34,10 +36,12 @@ struct LoaderOptions {
     std::size_t group = kLoaderGroup;  // rows per multi-row INSERT, 1: none
     std::string position;              // -p: the position file, empty: none
     bool resume = false;               // -r: continue the run recorded there
+    bool quiet = false;                // -q: no progress line
 };
 
 // Runs the script of `options`; Error lines and the summary go to `out`,
-// the reason of a stop and notes on the position to `err`. Returns one of
+// the reason of a stop and notes on the position to `err`, and so does the
+// progress line, when `err` is a terminal. Returns one of
 // the exit statuses above: a position file that cannot be read or parsed,
 // or whose transactions the server cannot tell, stops the run (2) before
 // anything is loaded; one that says the script ran to its end loads nothing

@@ -1,6 +1,8 @@
 // The output lines of the loader: Error lines and the summary.
 #include "loader/outcome.hpp"
 
+#include "sys/progress.hpp"
+
 namespace rv {
 
 void Outcome::report(const Statement& statement, const std::string& message) {
@@ -27,6 +29,7 @@ void Outcome::acknowledge(std::size_t through) {
     pending_succeeded_ = 0;
     pending_failed_ = 0;
     if (!pending_lines_.empty()) {
+        clear_progress_line();
         std::fwrite(pending_lines_.data(), 1, pending_lines_.size(), out_);
         std::fflush(out_);  // the caller reads them as they come
         pending_lines_.clear();
@@ -37,6 +40,7 @@ void Outcome::acknowledge(std::size_t through) {
 }
 
 void print_summary(std::FILE* out, std::size_t succeeded, std::size_t failed, bool stopped) {
+    clear_progress_line();
     std::fprintf(out, "oaisql: %zu statements, %zu succeeded, %zu failed%s\n", succeeded + failed,
                  succeeded, failed, stopped ? ", stopped" : "");
     std::fflush(out);

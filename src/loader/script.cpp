@@ -2,6 +2,7 @@
 // classifier, and the grouping of statements into units.
 #include "loader/script.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <utility>
@@ -81,6 +82,33 @@ Unit UnitReader::next() {
         unit.statements.push_back(std::move(*more));
     }
     return unit;
+}
+
+std::size_t ScriptCount::statements_through(std::size_t line) const {
+    const auto others_through = std::upper_bound(others.begin(), others.end(), line) - others.begin();
+    return std::min(statements, line - static_cast<std::size_t>(others_through));
+}
+
+std::optional<ScriptCount> count_statements(const std::string& file) {
+    FilePtr in(std::fopen(file.c_str(), "r"));
+    if (!in) {
+        return std::nullopt;
+    }
+    ScriptReader reader(std::move(in));
+    ScriptCount count;
+    std::string_view line;
+    std::size_t number = 0;
+    while (reader.next(line, number)) {
+        if (holds_statement(line)) {
+            ++count.statements;
+        } else {
+            count.others.push_back(number);
+        }
+    }
+    if (reader.error() != 0) {
+        return std::nullopt;
+    }
+    return count;
 }
 
 }  // namespace rv

@@ -90,4 +90,17 @@ class UnitReader {
     std::optional<Statement> pending_;  // read, but the start of the next unit
 };
 
+// The statements of a script, counted for a progress line: how many, and
+// the lines that hold none (empty lines, comments, connect lines).
+struct ScriptCount {
+    std::size_t statements = 0;
+    std::vector<std::size_t> others;  // line numbers, ascending
+
+    // The statements on lines 1 to `line`.
+    std::size_t statements_through(std::size_t line) const;
+};
+
+// Counts the statements of the script `file`; nullopt when it cannot be read.
+std::optional<ScriptCount> count_statements(const std::string& file);
+
 }  // namespace rv

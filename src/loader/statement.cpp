@@ -232,37 +232,51 @@ bool is_single_dml(std::string_view statement) {
     return quote == '\0';
 }
 
-ScriptLine classify_line(std::string_view line) {
-    ScriptLine result;
-    const std::string_view text = trim_blanks(line);
-    result.text = text;
+namespace {
+
+// The kind of the trimmed line `text` when it holds no statement (Skip, or
+// Connect with `text` cut to the database), else Alone for the caller to
+// tell apart further.
+ScriptLineKind directive_kind(std::string_view& text) {
     if (text.empty() || text.substr(0, 2) == "--") {
-        return result;
+        return ScriptLineKind::Skip;
     }
-    {
-        Scanner scan(text);
-        if (scan.keyword("CONNECT") && is_blank(scan.peek())) {
-            std::string_view db = trim_blanks(text.substr(7));
-            if (!db.empty() && db.back() == ';') {
-                db.remove_suffix(1);
-                db = trim_blanks(db);
-            }
-            if (!db.empty()) {
-                result.kind = ScriptLineKind::Connect;
-                result.text = db;
-                return result;
-            }
+    Scanner scan(text);
+    if (scan.keyword("CONNECT") && is_blank(scan.peek())) {
+        std::string_view db = trim_blanks(text.substr(7));
+        if (!db.empty() && db.back() == ';') {
+            db.remove_suffix(1);
+            db = trim_blanks(db);
+        }
+        if (!db.empty()) {
+            text = db;
+            return ScriptLineKind::Connect;
         }
     }
-    if (auto form = parse_insert(text)) {
+    return ScriptLineKind::Alone;
+}
+
+}  // namespace
+
+ScriptLine classify_line(std::string_view line) {
+    ScriptLine result;
+    result.text = trim_blanks(line);
+    result.kind = directive_kind(result.text);
+    if (result.kind != ScriptLineKind::Alone) {
+        return result;
+    }
+    if (auto form = parse_insert(result.text)) {
         result.kind = ScriptLineKind::Insert;
         result.insert = std::move(*form);
-    } else if (is_single_dml(text)) {
+    } else if (is_single_dml(result.text)) {
         result.kind = ScriptLineKind::Pipelined;
-    } else {
-        result.kind = ScriptLineKind::Alone;
     }
     return result;
+}
+
+bool holds_statement(std::string_view line) {
+    std::string_view text = trim_blanks(line);
+    return directive_kind(text) == ScriptLineKind::Alone;
 }
 
 std::string one_line(std::string_view message) {

@@ -47,6 +47,10 @@ bool is_single_dml(std::string_view statement);
 // Classifies one line of the script (trailing line end and blanks removed).
 ScriptLine classify_line(std::string_view line);
 
+// Whether `line` holds a statement (classify_line would say Insert,
+// Pipelined or Alone), told without splitting an INSERT.
+bool holds_statement(std::string_view line);
+
 // A server message on one line: line breaks and tabs become blanks, runs of
 // blanks shrink to one, blanks at both ends go.
 std::string one_line(std::string_view message);

@@ -167,7 +167,7 @@ TEST_F(DbLoader, UnreadableScriptsBadCommandLinesAndFailedConnectsStopWithStatus
     const std::string missing = box.path("work/no_such.tmp"), row = "INSERT INTO media (id) VALUES ('1');\n";
     const std::string stopped = "oaisql: 0 statements, 0 succeeded, 0 failed, stopped\n";
     const std::string usage =
-        "usage: oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT] [-p POSFILE [-r]]\n";
+        "usage: oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT] [-p POSFILE [-r]] [-q]\n";
     const std::string torn = box.path("work/torn.pos"), folder = box.path("work"), ended = box.path("work/e.pos");
     rvtest::write_file(file, row);
     rvtest::write_file(torn, "oaisql-position 1\ncommit 1 700\n");

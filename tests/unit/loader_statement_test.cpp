@@ -2,7 +2,9 @@
 // that may join a batch, directives, and server messages on one line.
 #include <gtest/gtest.h>
 
+#include "loader/script.hpp"
 #include "loader/statement.hpp"
+#include "support/sandbox.hpp"
 
 namespace {
 
@@ -70,6 +72,7 @@ TEST(LoaderStatement, LineKindsAndOneLineMessages) {
     for (const auto& [in, kind, rest] : cases) {
         const auto line = rv::classify_line(in);
         EXPECT_EQ(line.kind, kind) << in;
+        EXPECT_EQ(rv::holds_statement(in), kind != Kind::Skip && kind != Kind::Connect) << in;
         EXPECT_TRUE(kind == Kind::Skip || line.text == rest) << in;
     }
     EXPECT_EQ(text(rv::classify_line("INSERT INTO t (a) VALUES ('1');").insert), "t(a) [1]");
@@ -77,6 +80,24 @@ TEST(LoaderStatement, LineKindsAndOneLineMessages) {
     EXPECT_EQ(rv::one_line("duplicate key\nDETAIL:  Key (id)=(5)\n"),
               "duplicate key DETAIL: Key (id)=(5)");
     EXPECT_EQ(rv::one_line("\r\n\t a \t b  \n"), "a b");
+}
+
+// The count behind a progress line: statements, and those up to a line of
+// the script (what a position file names).
+TEST(LoaderStatement, StatementsAreCountedUpToAnyLine) {
+    rvtest::Sandbox box;
+    const std::string file = box.path("script.sql");
+    rvtest::write_file(file, "connect ravik_db\nINSERT INTO t (a) VALUES ('1');\n\n-- note\n"
+                             "UPDATE t SET a = 2;\nALTER TABLE t ADD b text;\n-- 3 rows found \n");
+    const auto count = rv::count_statements(file);
+    ASSERT_TRUE(count);
+    EXPECT_EQ(count->statements, 3u);
+    const std::pair<std::size_t, std::size_t> through[] = {{0, 0}, {1, 0}, {2, 1}, {4, 1},
+                                                           {5, 2}, {6, 3}, {7, 3}, {100, 3}};
+    for (const auto& [line, statements] : through) {
+        EXPECT_EQ(count->statements_through(line), statements) << "line " << line;
+    }
+    EXPECT_FALSE(rv::count_statements(box.path("missing.sql")));
 }
 
 }  // namespace
