@@ -12,6 +12,7 @@
 
 #include "sys/timefmt.hpp"
 #include "sys/file_io.hpp"
+#include "sys/progress.hpp"
 #include "sys/strings.hpp"
 #include "log/trace.hpp"
 
@@ -131,6 +132,7 @@ void PROT(const char* cpFormat, ...) {
     va_start(args, cpFormat);
     const std::string text = vformat(cpFormat, args);
     va_end(args);
+    clear_progress_line();  // the messages below may go to the console
     if (gWriting) {
         std::fprintf(stderr, "PROT: %s\n", text.c_str());
         return;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "sys/file_io.hpp"
+#include "sys/progress.hpp"
 #include "sys/strings.hpp"
 
 namespace rv {
@@ -74,6 +75,7 @@ void WRITE_TRACE(int iLevel, const char* cpFormat, ...) {
     va_end(args);
 
     if (strLog.iVerify) {
+        clear_progress_line();
         std::fprintf(stderr, "%2d:%02d:%02d#%s %s\n", t.hour, t.min, t.sec, strLog.szIns.c_str(), text.c_str());
     }
     if (!strLog.szFile.empty()) {

@@ -1,5 +1,7 @@
 #include "steps/change.hpp"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -13,6 +15,7 @@
 #include "log/trace.hpp"
 #include "sys/atomic_file.hpp"
 #include "sys/file_io.hpp"
+#include "sys/progress.hpp"
 #include "config/files.hpp"
 #include "sys/strings.hpp"
 
@@ -126,6 +129,7 @@ bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& w
     }
     const std::vector<std::string> elements = split(line, '|', EmptyFields::drop);
     if (elements.empty()) {
+        clear_progress_line();
         std::printf("\n\nKein Token '|' verfuegbar in %.*s.", static_cast<int>(line.size()), line.data());
         console_mid_line();
         why = "holds no element";
@@ -135,6 +139,7 @@ bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& w
         // The value is everything behind the first '=' (it may hold more).
         const auto eq = element.find('=');
         if (eq == std::string::npos || eq == 0) {
+            clear_progress_line();
             std::printf("\n\nKein Token '=' verfuegbar.");
             console_mid_line();
             why = "holds an element without name=value: " + element;
@@ -237,9 +242,10 @@ void apply_changes(strRow& row, ChangeKeys& keys) {
 }
 
 // Writes an INSERT line for every row of the image `in` (read from `file`)
-// into `out`. A row beyond the limits ends the run with `out` dropped.
+// into `out`, counting them on `progress`. A row beyond the limits ends the
+// run with `out` dropped.
 void write_inserts(std::FILE* in, AtomicFile& out, const std::string& table,
-                   const std::string& file, ChangeKeys& keys) {
+                   const std::string& file, ChangeKeys& keys, ProgressLine& progress) {
     std::string line;
     std::string why;
     strRow row;
@@ -269,6 +275,7 @@ void write_inserts(std::FILE* in, AtomicFile& out, const std::string& table,
         WRITE_TRACE(3, "%s", insert.c_str());
         std::fputs(insert.c_str(), out.stream());
         std::fputc('\n', out.stream());
+        progress.advance();
     }
 }
 
@@ -316,7 +323,11 @@ void db_change(std::string_view cpTable, bool rerun) {
     }
     std::fputs(std::string(kChangeScriptStart).c_str(), out.stream());
     if (in) {
-        write_inserts(in.get(), out, table, file, keys);
+        ProgressLine progress(STDERR_FILENO, "change " + table);
+        if (progress.live()) {
+            progress.set_total(LineFeedCount(file).update());  // a row a line
+        }
+        write_inserts(in.get(), out, table, file, keys, progress);
     }
     for (std::size_t d = 0; d < keys.deletions.size() && tracing(2); ++d) {
         WRITE_TRACE(2, "<delete_entry> szColumn: %s", keys.deletions[d].c_str());

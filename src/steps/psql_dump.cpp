@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "db/signals.hpp"
@@ -18,6 +19,7 @@
 #include "config/process.hpp"
 #include "sys/strings.hpp"
 #include "sys/file_io.hpp"
+#include "sys/progress.hpp"
 
 namespace rv {
 
@@ -123,10 +125,21 @@ class ClientSettings {
 
 // Runs the client command line `cmd` with the settings file `settings`
 // instead of the operator's own; when `interruptible`, a quit signal breaks
-// the wait off (the client, with everything it started, is stopped).
-RunResult run_client(std::string cmd, bool interruptible, const std::string& settings) {
-    const ChildEnd end =
-        run_reported({cmd, {}, interruptible ? kSigquitText : nullptr, true, {{"PSQLRC", settings}}}, cmd);
+// the wait off (the client, with everything it started, is stopped). On a
+// terminal, a progress line counts the rows of the answer `sqo` for `id` as
+// they come.
+RunResult run_client(std::string cmd, bool interruptible, const std::string& settings, const std::string& id,
+                     const std::string& sqo) {
+    ProgressLine progress(STDERR_FILENO, "dump " + id + " (select)");
+    LineFeedCount answer(sqo);
+    ChildCommand command{cmd, {}, interruptible ? kSigquitText : nullptr, true, {{"PSQLRC", settings}}};
+    if (progress.live()) {
+        command.on_tick = [&progress, &answer] {
+            const std::size_t lines = answer.update();  // the statement and the column names first
+            progress.set_done(lines > 2 ? lines - 2 : 0);
+        };
+    }
+    const ChildEnd end = run_reported(command, cmd);
     exit_code_of(end, cmd);  // no child at all ends the run, as for any command
     switch (end.how) {
         case ChildEnd::How::interrupted:
@@ -170,7 +183,7 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
     if (!settings.ok()) {
         return fail("iPGSQL_DO_SQL: cannot write the client's settings: " + settings.why());
     }
-    switch (run_client(cmd, interruptible, settings.path())) {
+    switch (run_client(cmd, interruptible, settings.path(), id, sqo)) {
         case RunResult::interrupted:
             interrupted = true;
             cpMsg = "the statement was broken off by SIGQUIT";
@@ -203,6 +216,7 @@ namespace {
 volatile sig_atomic_t gQuitDuringDump = 0;
 
 void note_quit(int /*signo*/) {
+    erase_progress_line_in_handler();
     [[maybe_unused]] const ssize_t n = write(STDERR_FILENO, kSigquitText, sizeof kSigquitText - 1);
     gQuitDuringDump = 1;
 }
@@ -255,6 +269,7 @@ namespace {
 // A query answer on its way into a table image.
 struct Answer {
     const std::string& id;
+    ProgressLine& progress;               // counts the rows written
     std::vector<std::string> names;       // as the client printed them
     std::vector<std::string> lowerNames;  // as the image writes them
     long rows = 0;
@@ -327,8 +342,30 @@ std::string copy_rows(std::FILE* in, std::FILE* out, Answer& answer) {
         record += '\n';
         std::fputs(record.c_str(), out);
         ++answer.rows;
+        answer.progress.advance();
     }
     return {};
+}
+
+// The row count footer that ends the answer `sqo`, or nullopt.
+std::optional<std::uint64_t> footer_of(const std::string& sqo) {
+    FilePtr in(std::fopen(sqo.c_str(), "r"));
+    if (!in || std::fseek(in.get(), 0, SEEK_END) != 0) {
+        return std::nullopt;
+    }
+    constexpr long kTail = 64;  // longer than any footer and its line feed
+    const long size = std::ftell(in.get());
+    std::fseek(in.get(), size > kTail ? size - kTail : 0, SEEK_SET);
+    std::string line;
+    std::string last;
+    while (read_line(in.get(), line)) {
+        last = line.empty() ? last : line;
+    }
+    long count = -1;
+    if (!parse_footer(last, count) || count < 0) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint64_t>(count);
 }
 
 // Why the rows read do not match the footer of `sqo` (or there is none);
@@ -378,7 +415,13 @@ bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutF
     if (!in) {
         return fail("Can't open file " + cpSqlOutFile + " to read");
     }
-    Answer answer{id, {}, {}};
+    ProgressLine progress(STDERR_FILENO, "dump " + id + " (image)");
+    if (progress.live()) {
+        if (const auto footer = footer_of(cpSqlOutFile)) {
+            progress.set_total(*footer);
+        }
+    }
+    Answer answer{id, progress, {}, {}};
     if (!read_column_names(in.get(), answer)) {
         return fail("Can't find lines with column-names");
     }

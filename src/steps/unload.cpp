@@ -1,17 +1,21 @@
 #include "steps/unload.hpp"
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "config/process.hpp"
 #include "config/product.hpp"
 #include "db/access.hpp"
 #include "loader/loader.hpp"
+#include "loader/position.hpp"
+#include "loader/script.hpp"
 #include "log/finish.hpp"
 #include "log/prot.hpp"
 #include "log/trace.hpp"
@@ -20,6 +24,7 @@
 #include "steps/table_image.hpp"
 #include "sys/strings.hpp"
 #include "sys/file_io.hpp"
+#include "sys/progress.hpp"
 
 namespace rv {
 
@@ -148,55 +153,94 @@ void remove_load_positions(const std::string& work_dir) {
     }
 }
 
+namespace {
+
+// The statements of `script` the loader has taken, as its position file
+// `posfile` says (none before it wrote one).
+std::size_t loaded_statements(const std::string& posfile, const ScriptCount& script) {
+    const std::optional<LoadPosition> position = read_load_position(posfile);
+    return position ? script.statements_through(position->last) : 0;
+}
+
+// On a terminal, `progress` counts the statements of `image` as the loader
+// takes them: the tool reads the loader's position file `posfile` on every
+// tick of `command`, which the loader writes at every commit anyway.
+void follow_load(ProgressLine& progress, const std::string& image, const std::string& posfile, bool rerun,
+                 ChildCommand& command, std::optional<ScriptCount>& script) {
+    if (!progress.live() || !(script = count_statements(image))) {
+        return;
+    }
+    progress.set_total(script->statements);
+    if (rerun) {
+        progress.set_done(loaded_statements(posfile, *script));
+        progress.rebase();  // the rate counts this load's statements only
+    }
+    command.on_tick = [&progress, &posfile, &script] { progress.set_done(loaded_statements(posfile, *script)); };
+}
+
+// Loads the image of `table` through the loader; returns its status.
+int load_table(const std::string& table, bool rerun) {
+    WRITE_TRACE(0, "load values into table %s", table.c_str());
+    if (strLog.iVerify == 0) {
+        std::printf("load values into table %s\n", table.c_str());
+    }
+    const std::string image = image_or_finish("import", table);
+    const std::string posfile = load_position_path(image);
+    WRITE_TRACE(2, "get values from file: %s", image.c_str());
+    const std::string cmd = shell_quote(pathes.bin_db + "oaisql") + " -c " + shell_quote(image) + " -e -p " +
+                            shell_quote(posfile) + (rerun ? " -r" : "") + " 2>&1";
+    if (rerun) {
+        WRITE_TRACE(0, "import %s continues after the statements its interrupted load committed", table.c_str());
+        std::printf("import %s continues after the statements its interrupted load committed\n", table.c_str());
+    }
+    int errors = 0;
+    std::size_t statements = 0;
+    ProgressLine progress(STDERR_FILENO, "import " + table);
+    const auto count = [&errors, &statements, &progress](std::string line) {
+        if (strLog.iVerify == 0) {
+            progress.clear();
+            std::fputs(line.c_str(), stdout);
+        }
+        for (int i = 0; i < 2 && !line.empty() && (line.back() == '\n' || line.back() == '\r'); ++i) {
+            line.pop_back();
+        }
+        WRITE_TRACE(0, "%s", line.c_str());
+        if (line.find("Error") != std::string::npos) {
+            ++errors;
+        }
+        std::sscanf(line.c_str(), "oaisql: %zu statements,", &statements);
+    };
+    ChildCommand command{cmd, count, nullptr, true};
+    std::optional<ScriptCount> script;
+    follow_load(progress, image, posfile, rerun, command, script);
+    std::string reported = cmd;
+    const ChildEnd end = run_reported(command, reported);
+    if (end.how == ChildEnd::How::refused || end.how == ChildEnd::How::not_started) {
+        FINISH(RV_ERROR, "ERROR: Import could not start " + cmd);
+    }
+    const int status = end.finished() ? end.status : -1;
+    WRITE_TRACE(0, "import %s returned exit state %d with %d errors", table.c_str(), status, errors);
+    if (strLog.iVerify == 0) {
+        std::printf("import %s returned exit state %d with %d errors\n", table.c_str(), status, errors);
+    }
+    check_load_complete(table, status);
+    if (errors > 0) {
+        step_failed("import " + table + ": " + with_thousands(static_cast<std::size_t>(errors)) + " of " +
+                    with_thousands(statements) + " statements failed");
+    }
+    std::fflush(stdout);
+    return status;
+}
+
+}  // namespace
+
 int db_load(std::string_view cpDatabase, std::string_view cpTable, bool rerun) {
     (void)cpDatabase;
     const std::string list(cpTable);
     WRITE_TRACE(1, "+++ import for %s", list.c_str());
     int status = 0;
     for_each_table(cpTable, [&](const std::string& table) {
-        WRITE_TRACE(0, "load values into table %s", table.c_str());
-        if (strLog.iVerify == 0) {
-            std::printf("load values into table %s\n", table.c_str());
-        }
-        const std::string image = image_or_finish("import", table);
-        WRITE_TRACE(2, "get values from file: %s", image.c_str());
-        const std::string cmd = shell_quote(pathes.bin_db + "oaisql") + " -c " + shell_quote(image) + " -e -p " +
-                                shell_quote(load_position_path(image)) + (rerun ? " -r" : "") + " 2>&1";
-        if (rerun) {
-            WRITE_TRACE(0, "import %s continues after the statements its interrupted load committed", table.c_str());
-            std::printf("import %s continues after the statements its interrupted load committed\n", table.c_str());
-        }
-        int errors = 0;
-        std::size_t statements = 0;
-        const auto count = [&errors, &statements](std::string line) {
-            if (strLog.iVerify == 0) {
-                std::fputs(line.c_str(), stdout);
-            }
-            for (int i = 0; i < 2 && !line.empty() && (line.back() == '\n' || line.back() == '\r'); ++i) {
-                line.pop_back();
-            }
-            WRITE_TRACE(0, "%s", line.c_str());
-            if (line.find("Error") != std::string::npos) {
-                ++errors;
-            }
-            std::sscanf(line.c_str(), "oaisql: %zu statements,", &statements);
-        };
-        std::string reported = cmd;
-        const ChildEnd end = run_reported({cmd, count, nullptr, true}, reported);
-        if (end.how == ChildEnd::How::refused || end.how == ChildEnd::How::not_started) {
-            FINISH(RV_ERROR, "ERROR: Import could not start " + cmd);
-        }
-        status = end.finished() ? end.status : -1;
-        WRITE_TRACE(0, "import %s returned exit state %d with %d errors", table.c_str(), status, errors);
-        if (strLog.iVerify == 0) {
-            std::printf("import %s returned exit state %d with %d errors\n", table.c_str(), status, errors);
-        }
-        check_load_complete(table, status);
-        if (errors > 0) {
-            step_failed("import " + table + ": " + with_thousands(static_cast<std::size_t>(errors)) + " of " +
-                        with_thousands(statements) + " statements failed");
-        }
-        std::fflush(stdout);
+        status = load_table(table, rerun);
         return true;
     });
     WRITE_TRACE(0, "+++ import done for %s", list.c_str());

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace rv {
 
@@ -26,5 +27,21 @@ bool read_piece(std::FILE* fp, std::string& piece, std::size_t max);
 // Reads the next line of `fp` into `line`, whole, with or without its line
 // feed. Returns false at end of input with nothing read.
 bool read_line(std::FILE* fp, std::string& line, LineFeed lf = LineFeed::drop);
+
+// Counts the line feeds of a file as far as it is written: a file that
+// another process is still writing can be counted again and again, each
+// count reading only what was added since the last.
+class LineFeedCount {
+  public:
+    explicit LineFeedCount(std::string path) : path_(std::move(path)) {}
+
+    // The line feeds written so far (0 while the file cannot be opened).
+    std::size_t update();
+
+  private:
+    std::string path_;
+    FilePtr file_;
+    std::size_t count_ = 0;
+};
 
 }  // namespace rv

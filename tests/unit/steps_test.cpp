@@ -8,14 +8,18 @@
 #include <filesystem>
 #include <regex>
 
+#include <unistd.h>
+
 #include "config/product.hpp"
 #include "log/finish.hpp"
 #include "steps/change.hpp"
 #include "steps/command.hpp"
 #include "steps/psql_dump.hpp"
 #include "steps/table_image.hpp"
+#include "steps/unload.hpp"
 #include "support/fake_runner.hpp"
 #include "support/sandbox.hpp"
+#include "support/terminal.hpp"
 
 namespace {
 
@@ -199,6 +203,44 @@ TEST_F(Steps, CommandWordsLinesAndRemoval) {
     EXPECT_TRUE(runner.ran.empty() && rvtest::read_file(victim + "/file") == "x");
     EXPECT_NE(console.finish().find("iRmDir: command longer than 511 characters, nothing removed: rm -rf " + victim),
               std::string::npos);
+}
+
+// On a terminal, the import counts the statements of its script up to the
+// line the loader's position file names, and a continued import starts from
+// there before the loader runs.
+TEST_F(Steps, ImportProgressFollowsTheLoadersPositionFile) {
+    std::string script(rv::kChangeScriptStart);
+    for (int i = 1; i <= 300; ++i) {
+        script += "INSERT INTO media (id) VALUES ('" + std::to_string(i) + "');\n";
+    }
+    const std::string posfile = rv::load_position_path(image_path);
+    const std::string head = "oaisql-position 1\ndurable 1\n";
+    // Continued or not, the position file before the load, the one the loader
+    // writes, the ticks while it runs and what the terminal shows.
+    const std::tuple<bool, std::string, std::string, int, std::string> cases[] = {
+        {false, "", head + "commit 151 7\n", 1, "\rimport media: 150 of 300 rows\x1b[K\r\x1b[K"},
+        {true, "oaisql-position 1\ndurable 201\n", head + "end 301\n", 0,
+         "\rimport media: 200 of 300 rows\x1b[K\r\x1b[K"},
+    };
+    for (const auto& [rerun, before, during, ticks, shown] : cases) {
+        rvtest::write_file(image_path, script);
+        fs::remove(posfile);
+        if (!before.empty()) {
+            rvtest::write_file(posfile, before);
+        }
+        rvtest::FakeRunner runner;
+        const auto loaded = [&posfile, &during](const std::string&) { rvtest::write_file(posfile, during); };
+        runner.on("oaisql", {0, {"oaisql: 300 statements, 300 succeeded, 0 failed"}, loaded,
+                             rv::ChildEnd::How::finished, ticks});
+        rvtest::Pty pty;
+        const int saved = dup(2);
+        dup2(pty.terminal(), 2);
+        out = rvtest::capture(1, [rerun] { rv::db_load("ravik_db", "media", rerun); });
+        dup2(saved, 2);
+        close(saved);
+        EXPECT_EQ(pty.written(), shown) << "rerun " << rerun;
+        EXPECT_NE(out.find("import media returned exit state 0 with 0 errors"), std::string::npos) << out;
+    }
 }
 
 }  // namespace
