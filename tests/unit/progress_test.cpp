@@ -57,45 +57,34 @@ const std::string kErased = "\r\x1b[K";
 TEST(Progress, DrawsAtMostTwiceASecondAndIsErasedAtTheEnd) {
     rvtest::Pty pty;
     FakeClock t;
+    using Act = void (*)(ProgressLine&);
+    // The clock moves on, something happens, the terminal shows this.
+    const std::tuple<std::int64_t, Act, std::string> steps[] = {
+        {0, [](ProgressLine& l) { l.advance(1); }, drawn("change media: 256 rows")},
+        {400, [](ProgressLine& l) { l.advance(256); }, ""},  // within half a second
+        {100, [](ProgressLine& l) { l.advance(256); }, drawn("change media: 768 rows, 1,536 rows/s")},
+        {500, [](ProgressLine& l) { l.set_total(1000), l.set_done(900); },
+         drawn("change media: 900 of 1,000 rows, 900 rows/s, 0:01 left")},
+        {0, [](ProgressLine& l) { l.rebase(); }, ""},  // the rate counts from here
+        {1000, [](ProgressLine& l) { l.set_done(950); }, drawn("change media: 950 of 1,000 rows, 50 rows/s, 0:01 left")},
+        {0, [](ProgressLine& l) { l.clear(), l.clear(); }, kErased},
+        {100, [](ProgressLine& l) { l.refresh(); }, ""},  // an erased line comes back when due
+        {400, [](ProgressLine& l) { l.refresh(); }, drawn("change media: 950 of 1,000 rows, 33 rows/s, 0:02 left")},
+        {0, [](ProgressLine&) { rv::clear_progress_line(); }, kErased},  // before other console output
+        {500, [](ProgressLine& l) { l.refresh(); }, drawn("change media: 950 of 1,000 rows, 25 rows/s, 0:02 left")},
+    };
     {
         ProgressLine line(pty.terminal(), "change media", std::nullopt, t.clock());
         ASSERT_TRUE(line.live());
-        const int asked = t.asked;
         line.advance(rv::kProgressCheckEvery - 1);
-        EXPECT_EQ(pty.written(), "") << "drawn before the first refresh";
-        EXPECT_EQ(t.asked, asked) << "the clock was asked for every row";
-        line.advance();
-        EXPECT_EQ(pty.written(), drawn("change media: 256 rows"));
-        t.now += 400;
-        line.advance(256);
-        EXPECT_EQ(pty.written(), "") << "drawn again within half a second";
-        t.now += 100;
-        line.advance(256);
-        EXPECT_EQ(pty.written(), drawn("change media: 768 rows, 1,536 rows/s"));
-        line.set_total(1000);
-        t.now += 500;
-        line.set_done(900);
-        EXPECT_EQ(pty.written(), drawn("change media: 900 of 1,000 rows, 900 rows/s, 0:01 left"));
-        line.rebase();  // the rate counts from here
-        t.now += 1000;
-        line.set_done(950);
-        EXPECT_EQ(pty.written(), drawn("change media: 950 of 1,000 rows, 50 rows/s, 0:01 left"));
-        line.clear();
-        line.clear();
-        EXPECT_EQ(pty.written(), kErased) << "erased once";
-        t.now += 100;
-        line.refresh();
-        EXPECT_EQ(pty.written(), "") << "an erased line came back before it was due";
-        t.now += 400;
-        line.refresh();
-        EXPECT_EQ(pty.written(), drawn("change media: 950 of 1,000 rows, 33 rows/s, 0:02 left"));
-        rv::clear_progress_line();  // before other output to the console
-        EXPECT_EQ(pty.written(), kErased);
-        t.now += 500;
-        line.refresh();
+        EXPECT_EQ(t.asked, 1) << "the clock was asked for a row";
+        for (const auto& [ms, act, shown] : steps) {
+            t.now += ms;
+            act(line);
+            EXPECT_EQ(pty.written(), shown) << "at " << t.now;
+        }
     }
-    EXPECT_EQ(pty.written(), drawn("change media: 950 of 1,000 rows, 25 rows/s, 0:02 left") + kErased)
-        << "not erased at its end";
+    EXPECT_EQ(pty.written(), kErased) << "not erased at its end";
 }
 
 TEST(Progress, ALongLineIsCutToTheTerminalAndOneLineShowsAtATime) {
