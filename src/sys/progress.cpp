@@ -23,17 +23,26 @@ constexpr std::string_view kErase = "\r\x1b[K";
 ProgressLine* gShown = nullptr;
 volatile sig_atomic_t gShownFd = -1;
 
+// Writes `text` to the terminal `fd`. SIGTTOU is held back meanwhile: while
+// a child's process group has the terminal the tool is in the background,
+// and a terminal set to stop background writers lets it write then.
 void write_all(int fd, std::string_view text) {
+    sigset_t ttou;
+    sigset_t before;
+    sigemptyset(&ttou);
+    sigaddset(&ttou, SIGTTOU);
+    pthread_sigmask(SIG_BLOCK, &ttou, &before);
     while (!text.empty()) {
         const ssize_t n = ::write(fd, text.data(), text.size());
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
-            return;  // a terminal that went away takes no progress
+            break;  // a terminal that went away takes no progress
         }
         text.remove_prefix(static_cast<std::size_t>(n));
     }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 // "m:ss", or "h:mm:ss" from an hour on.
