@@ -156,10 +156,10 @@ void remove_load_positions(const std::string& work_dir) {
 namespace {
 
 // The statements of `script` the loader has taken, as its position file
-// `posfile` says (none before it wrote one).
-std::size_t loaded_statements(const std::string& posfile, const ScriptCount& script) {
+// `posfile` says; nullopt while there is none (or none to be read).
+std::optional<std::size_t> loaded_statements(const std::string& posfile, const ScriptCount& script) {
     const std::optional<LoadPosition> position = read_load_position(posfile);
-    return position ? script.statements_through(position->last) : 0;
+    return position ? std::optional(script.statements_through(position->last)) : std::nullopt;
 }
 
 // On a terminal, `progress` counts the statements of `image` as the loader
@@ -171,11 +171,16 @@ void follow_load(ProgressLine& progress, const std::string& image, const std::st
         return;
     }
     progress.set_total(script->statements);
+    const auto follow = [&progress, &posfile, &script] {
+        if (const std::optional<std::size_t> loaded = loaded_statements(posfile, *script)) {
+            progress.set_done(*loaded);
+        }
+    };
     if (rerun) {
-        progress.set_done(loaded_statements(posfile, *script));
+        follow();
         progress.rebase();  // the rate counts this load's statements only
     }
-    command.on_tick = [&progress, &posfile, &script] { progress.set_done(loaded_statements(posfile, *script)); };
+    command.on_tick = follow;
 }
 
 // Loads the image of `table` through the loader; returns its status.
