@@ -78,6 +78,81 @@ void check_load_complete(const std::string& table, int status) {
                       std::to_string(status) + ")");
 }
 
+// The export step for `table`: the export tool writes its INSERT text.
+void export_table(const std::string& table) {
+    if (!shell_double_quotable(table)) {
+        std::printf("export %s refused: the table name holds a character the shell would change\n",
+                    table.c_str());
+        return;
+    }
+    const std::string image = image_or_finish("export", table);
+    std::string cmd = shell_quote(pathes.bin_ravik + "rv_db") + " \"select * from " + table + "\" -e > " +
+                      shell_quote(image);
+    const ChildEnd end = run_reported({cmd, {}, nullptr, true}, cmd);
+    const int status = end.finished() ? end.status : -1;
+    WRITE_TRACE(0, "export %s returned exit state %d", table.c_str(), status);
+    if (status != 0) {
+        step_failed("export " + table + ": the export tool returned exit state " + std::to_string(status));
+    }
+    if (strLog.iVerify == 0) {
+        std::printf("export %s returned exit state %d\n", table.c_str(), status);
+    }
+}
+
+// The table's rows into its image: "select distinct *", or, where the server
+// cannot compare the values of a column type (json, point, xml), "select *"
+// (duplicate rows then stay), said in the trace and on the console. True
+// with the row count in `msg`; false with the reason, `sql` the statement
+// that failed.
+bool select_into_image(const std::string& table, std::string& sql, std::string& msg) {
+    sql = "select distinct * from " + table;
+    if (iSELECT_INTO_TEMP_FILE(table, sql, msg)) {
+        return true;
+    }
+    // The client's own error went to the console: the server says again why.
+    std::string probe = "export";
+    if (table.find('\'') != std::string::npos ||
+        iDB_ACCESS("select distinct * from " + table + " limit 0", probe, nullptr) ||
+        db_failure().find("could not identify an equality operator") == std::string::npos) {
+        return false;
+    }
+    WRITE_TRACE(0, "%s holds values the server cannot compare: dumped without distinct", table.c_str());
+    if (strLog.iVerify == 0) {
+        std::printf("%s holds values the server cannot compare: dumped without distinct\n", table.c_str());
+    }
+    sql = "select * from " + table;
+    return iSELECT_INTO_TEMP_FILE(table, sql, msg);
+}
+
+// The dump step for `table`. A failure of a table that exists ends the run
+// (the image would be the only copy of its rows); false when an optional
+// table that does not exist failed: the list stops there.
+bool dump_table(const std::string& table) {
+    std::string sql;
+    std::string msg;
+    if (select_into_image(table, sql, msg)) {
+        WRITE_TRACE(0, "select %s rows from %s", msg.c_str(), table.c_str());
+        if (strLog.iVerify == 0) {
+            std::printf("select %s rows from %s\n", msg.c_str(), table.c_str());
+        }
+        return true;
+    }
+    trap_db_err(sql, msg);
+    WRITE_TRACE(0, "got error from statement %s", sql.c_str());
+    if (strLog.iVerify == 0) {
+        std::printf("got error from %s select statement\n", table.c_str());
+    }
+    // The image would be the only copy of the rows of a table that
+    // exists: without it the run must not go on. An optional table that
+    // does not exist is no loss.
+    if (!table_missing(table)) {
+        std::fflush(stdout);
+        throw StepFailure("dump of " + table + " failed: " + msg);
+    }
+    step_failed("dump " + table + ": " + msg);
+    return false;
+}
+
 }  // namespace
 
 // The lines of dump, export and import below are traced at every level
@@ -88,49 +163,11 @@ int db_unload(std::string_view cpMode, std::string_view cpDatabase, std::string_
     (void)cpDatabase;
     WRITE_TRACE(1, "+++ db_unload %s for [%s]", mode.c_str(), list.c_str());
     const bool all = for_each_table(cpTable, [&](const std::string& table) {
-        if (mode == "export") {
-            if (!shell_double_quotable(table)) {
-                std::printf("export %s refused: the table name holds a character the shell would change\n",
-                            table.c_str());
-                return true;
-            }
-            const std::string image = image_or_finish("export", table);
-            std::string cmd = shell_quote(pathes.bin_ravik + "rv_db") + " \"select * from " + table + "\" -e > " +
-                              shell_quote(image);
-            const ChildEnd end = run_reported({cmd, {}, nullptr, true}, cmd);
-            const int status = end.finished() ? end.status : -1;
-            WRITE_TRACE(0, "export %s returned exit state %d", table.c_str(), status);
-            if (status != 0) {
-                step_failed("export " + table + ": the export tool returned exit state " + std::to_string(status));
-            }
-            if (strLog.iVerify == 0) {
-                std::printf("export %s returned exit state %d\n", table.c_str(), status);
-            }
-            return true;
+        if (mode != "export") {
+            return dump_table(table);
         }
-        const std::string sql = "select distinct * from " + table;
-        std::string msg;
-        if (iSELECT_INTO_TEMP_FILE(table, sql, msg)) {
-            WRITE_TRACE(0, "select %s rows from %s", msg.c_str(), table.c_str());
-            if (strLog.iVerify == 0) {
-                std::printf("select %s rows from %s\n", msg.c_str(), table.c_str());
-            }
-            return true;
-        }
-        trap_db_err(sql, msg);
-        WRITE_TRACE(0, "got error from statement %s", sql.c_str());
-        if (strLog.iVerify == 0) {
-            std::printf("got error from %s select statement\n", table.c_str());
-        }
-        // The image would be the only copy of the rows of a table that
-        // exists: without it the run must not go on. An optional table that
-        // does not exist is no loss.
-        if (!table_missing(table)) {
-            std::fflush(stdout);
-            throw StepFailure("dump of " + table + " failed: " + msg);
-        }
-        step_failed("dump " + table + ": " + msg);
-        return false;
+        export_table(table);
+        return true;
     });
     std::fflush(stdout);
     if (!all) {

@@ -109,6 +109,23 @@ TEST_F(DbSteps, DumpChangeImportCarriesEveryRowOnce) {
     EXPECT_TRUE(exported.ends_with("\n-- 4 rows found \n")) << exported;
 }
 
+// A table whose values the server cannot compare (json, point) is dumped without distinct, said on the console,
+// and comes back whole, a duplicate row included.
+TEST_F(DbSteps, ValuesWithoutEqualityAreDumpedWithoutDistinct) {
+    pg_query("ravik_db", "create table shapes (id int, doc json, at point);"
+                         "insert into shapes values (1, '{\"a\": [1, 2]}', '(1,2)'), (2, NULL, '(0.5,-3)'),"
+                         " (2, NULL, '(0.5,-3)')");
+    const auto r = rvtest::run(script("last_step_nr=4\nstep_1=dump ravik_db shapes\nstep_2=sql ravik_db delete from "
+                                      "shapes\nstep_3=change shapes\nstep_4=import ravik_db shapes\n"),
+                               rvtest::kToolEnv);
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("shapes holds values the server cannot compare: dumped without distinct\n"
+                         "select 3 rows from shapes\n"), std::string::npos) << r.out;
+    EXPECT_EQ(pg_query("ravik_db", "select id, doc::text, at::text from shapes order by id"),
+              (PgRows{{"1", "{\"a\": [1, 2]}", "(1,2)"}, {"2", std::nullopt, "(0.5,-3)"},
+                      {"2", std::nullopt, "(0.5,-3)"}}));
+}
+
 TEST_F(DbSteps, DumpsThatCannotBeFaithfulFailAndLeaveNoImage) {
     pg_query("ravik_db", "create table piped (id int, note text); insert into piped values (1, 'a|b');"
                          "create table broken (id int, note text); insert into broken values (1, E'two\\nlines')");
