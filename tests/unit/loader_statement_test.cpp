@@ -89,14 +89,16 @@ TEST(LoaderStatement, OnlyAnOpenQuotedLiteralGoesOnInTheNextLine) {
     using Q = rv::Quoting;
     const std::tuple<const char*, Q, Q> cases[] = {
         {"INSERT INTO t (a) VALUES ('x');", Q::None, Q::None}, {"INSERT INTO t (a) VALUES ('x", Q::None, Q::Plain},
-        {"VALUES ('it''s", Q::None, Q::Plain}, {"VALUES ('it''", Q::None, Q::Plain}, {"VALUES ('it'''", Q::None, Q::None}, {"'", Q::None, Q::Plain},
-        {"a'');", Q::Plain, Q::Plain}, {"a');", Q::Plain, Q::None}, {"", Q::Plain, Q::Plain}, {"'' 'b", Q::Plain, Q::None},
+        {"VALUES ('it''s", Q::None, Q::Plain}, {"VALUES ('it''", Q::None, Q::Plain}, {"'", Q::None, Q::Plain},
+        {"VALUES ('it'''", Q::None, Q::None}, {"a'');", Q::Plain, Q::Plain}, {"a');", Q::Plain, Q::None},
+        {"", Q::Plain, Q::Plain}, {"'' 'b", Q::Plain, Q::None},
         {"SET a = E'x\\'", Q::None, Q::Escaped}, {"SET a = E'x\\\\'", Q::None, Q::None},  // E'x\'  and E'x\\'
         {"SET a = e'\\'';", Q::None, Q::None}, {"\\';", Q::Escaped, Q::Escaped}, {"\\';", Q::Plain, Q::None},
         {"SET a = name'x", Q::None, Q::Plain}, {"SET note'x", Q::None, Q::Plain},  // no E of its own
         {"SET a = 1; -- don't", Q::None, Q::None}, {"SET a = /* it's */ 'x", Q::None, Q::Plain},
-        {"SET a = /* it's", Q::None, Q::None}, {"SET \"it's\" = 'x", Q::None, Q::Plain}, {"SET \"it's", Q::None, Q::None},
-        {"AS $$ it's $$ 'x", Q::None, Q::Plain}, {"AS $f$ it's $$ $f$;", Q::None, Q::None}, {"AS $$ it's", Q::None, Q::None},
+        {"SET a = /* it's", Q::None, Q::None}, {"SET \"it's\" = 'x", Q::None, Q::Plain},
+        {"SET \"it's", Q::None, Q::None}, {"AS $$ it's $$ 'x", Q::None, Q::Plain},
+        {"AS $f$ it's $$ $f$;", Q::None, Q::None}, {"AS $$ it's", Q::None, Q::None},
         {"WHERE a = $1 AND b = 'x", Q::None, Q::Plain}, {"WHERE a$b = 'x", Q::None, Q::Plain},
     };
     for (const auto& [line, before, after] : cases) EXPECT_EQ(rv::quoting_after(line, before), after) << line;
