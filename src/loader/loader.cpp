@@ -227,7 +227,9 @@ void Loader::run_alone(const Statement& statement) {
     if (position_) {
         position_->pending(statement.line);
     }
-    if (statement.text.find('\0') != std::string::npos) {
+    if (statement.unterminated) {
+        outcome_.report(statement, "the script ends inside a quoted literal of this statement");
+    } else if (statement.text.find('\0') != std::string::npos) {
         outcome_.report(statement, "the statement holds a NUL byte and was not sent");
     } else if (const std::optional<std::string> error = session_.run_simple(statement.text)) {
         outcome_.report(statement, *error);

@@ -1,16 +1,23 @@
 // The output lines of the loader: Error lines and the summary.
 #include "loader/outcome.hpp"
 
+#include <algorithm>
+#include <cstddef>
+
 #include "sys/progress.hpp"
 
 namespace rv {
 
 void Outcome::report(const Statement& statement, const std::string& message) {
-    // The line ends at a NUL byte of the statement, as printed text would.
+    // The line ends at a NUL byte of the statement, as printed text would;
+    // the line breaks of a statement over several lines become blanks.
     std::string line = "Error in line " + std::to_string(statement.line) + ": ";
     line.append(message.c_str());
     if (echo_statement_) {
-        line.append(" | statement: ").append(statement.text.c_str());
+        const std::size_t start = line.append(" | statement: ").size();
+        line.append(statement.text.c_str());
+        std::replace_if(line.begin() + static_cast<std::ptrdiff_t>(start), line.end(),
+                        [](char c) { return c == '\n' || c == '\r'; }, ' ');
     }
     if (position_ != nullptr) {
         position_->error(statement.line, line);

@@ -28,7 +28,19 @@ bool ScriptReader::next(std::string_view& line, std::size_t& number) {
     return true;
 }
 
-// The next line that is not skipped, as a statement.
+bool UnitReader::join_lines(std::string_view first, Quoting& quoting) {
+    joined_.assign(first);
+    std::string_view line;
+    std::size_t number = 0;
+    while (quoting != Quoting::None && reader_.next(line, number)) {
+        joined_.append("\n").append(line);
+        quoting = quoting_after(line, quoting);
+    }
+    return reader_.error() == 0;
+}
+
+// The next line that is not skipped, as a statement, with the lines it
+// goes on with.
 std::optional<Statement> UnitReader::read_statement() {
     std::string_view line;
     std::size_t number = 0;
@@ -39,6 +51,18 @@ std::optional<Statement> UnitReader::read_statement() {
         }
         Statement statement;
         statement.line = number;
+        Quoting quoting = parsed.kind == ScriptLineKind::Connect ? Quoting::None
+                                                                 : quoting_after(line, Quoting::None);
+        if (quoting != Quoting::None) {
+            if (!join_lines(line, quoting)) {
+                return std::nullopt;
+            }
+            parsed = classify_line(joined_);
+            statement.unterminated = quoting != Quoting::None;
+            if (statement.unterminated) {
+                parsed.kind = ScriptLineKind::Alone;
+            }
+        }
         statement.kind = parsed.kind;
         statement.text = std::string(parsed.text);
         if (parsed.kind == ScriptLineKind::Insert) {
@@ -98,9 +122,14 @@ std::optional<ScriptCount> count_statements(const std::string& file) {
     ScriptCount count;
     std::string_view line;
     std::size_t number = 0;
+    Quoting quoting = Quoting::None;
     while (reader.next(line, number)) {
-        if (holds_statement(line)) {
+        if (quoting != Quoting::None) {
+            count.others.push_back(number);
+            quoting = quoting_after(line, quoting);
+        } else if (holds_statement(line)) {
             ++count.statements;
+            quoting = quoting_after(line, Quoting::None);
         } else {
             count.others.push_back(number);
         }

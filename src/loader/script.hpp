@@ -18,10 +18,13 @@
 
 namespace rv {
 
-// One line of the script that does something: a statement, or (kind
-// Connect) a database to switch to, named in `text`.
+// A statement of the script, or (kind Connect) a database to switch to,
+// named in `text`. A statement whose line ends inside a quoted literal goes
+// on with the next line, joined by a line feed, until a line ends outside
+// every literal; `line` is its first line, by which it is known.
 struct Statement {
     std::size_t line = 0;
+    bool unterminated = false;  // kind Alone: the script ended inside a literal
     ScriptLineKind kind = ScriptLineKind::Pipelined;
     std::string text;
     int prepared = -1;  // kind Insert: index of its prepared statement
@@ -84,14 +87,20 @@ class UnitReader {
   private:
     std::optional<Statement> read_statement();
 
+    // Joins the lines after `first` to it while `quoting` is open; false on
+    // a read error.
+    bool join_lines(std::string_view first, Quoting& quoting);
+
     ScriptReader reader_;
+    std::string joined_;  // the lines of the statement being read
     std::size_t batch_;
     InsertShapes& shapes_;
     std::optional<Statement> pending_;  // read, but the start of the next unit
 };
 
 // The statements of a script, counted for a progress line: how many, and
-// the lines that hold none (empty lines, comments, connect lines).
+// the lines that begin none (empty lines, comments, connect lines, the
+// lines that go on with a statement).
 struct ScriptCount {
     std::size_t statements = 0;
     std::vector<std::size_t> others;  // line numbers, ascending

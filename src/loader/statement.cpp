@@ -279,6 +279,83 @@ bool holds_statement(std::string_view line) {
     return directive_kind(text) == ScriptLineKind::Alone;
 }
 
+namespace {
+
+// The end of the literal that begins in `text` at `i` in `quoting`: the
+// index just past its closing quote, npos when the line ends inside it.
+std::size_t literal_end(std::string_view text, std::size_t i, Quoting quoting) {
+    for (; i < text.size(); ++i) {
+        if (quoting == Quoting::Escaped && text[i] == '\\') {
+            ++i;
+        } else if (text[i] == '\'') {
+            if (i + 1 >= text.size() || text[i + 1] != '\'') {
+                return i + 1;
+            }
+            ++i;
+        }
+    }
+    return std::string_view::npos;
+}
+
+// The length of the dollar quote tag ("$$", "$tag$") at `i`, 0 when none.
+std::size_t dollar_tag(std::string_view text, std::size_t i) {
+    if (i > 0 && is_ident_char(text[i - 1])) {
+        return 0;  // part of a name, or a parameter such as $1
+    }
+    std::size_t end = i + 1;
+    while (end < text.size() && is_ident_char(text[end]) && text[end] != '$' &&
+           (end > i + 1 || is_ident_start(text[end]))) {
+        ++end;
+    }
+    return end < text.size() && text[end] == '$' ? end + 1 - i : 0;
+}
+
+// The index past what opens at `i` outside a literal and closes on the
+// line (a comment, quoted identifier or dollar-quoted string), npos when it
+// does not close there; `i` itself when nothing opens there.
+std::size_t skip_other(std::string_view text, std::size_t i) {
+    const std::string_view rest = text.substr(i);
+    std::size_t close = std::string_view::npos;
+    if (rest.starts_with("--")) {
+        return close;
+    } else if (rest.starts_with("/*")) {
+        close = text.find("*/", i + 2);
+        return close == std::string_view::npos ? close : close + 2;
+    } else if (rest.front() == '"') {
+        close = text.find('"', i + 1);
+        return close == std::string_view::npos ? close : close + 1;
+    } else if (const std::size_t tag = rest.front() == '$' ? dollar_tag(text, i) : 0; tag > 0) {
+        close = text.find(text.substr(i, tag), i + tag);
+        return close == std::string_view::npos ? close : close + tag;
+    }
+    return i;
+}
+
+}  // namespace
+
+Quoting quoting_after(std::string_view line, Quoting quoting) {
+    std::size_t i = 0;
+    while (i < line.size()) {
+        if (quoting != Quoting::None) {
+            i = literal_end(line, i, quoting);
+            if (i == std::string_view::npos) {
+                return quoting;
+            }
+            quoting = Quoting::None;
+        } else if (line[i] == '\'') {
+            const bool escaped = i > 0 && (line[i - 1] == 'E' || line[i - 1] == 'e') &&
+                                 (i < 2 || !is_ident_char(line[i - 2]));
+            quoting = escaped ? Quoting::Escaped : Quoting::Plain;
+            ++i;
+        } else if (const std::size_t past = skip_other(line, i); past == std::string_view::npos) {
+            return Quoting::None;
+        } else {
+            i = past > i ? past : i + 1;
+        }
+    }
+    return quoting;
+}
+
 std::string one_line(std::string_view message) {
     std::string out;
     out.reserve(message.size());

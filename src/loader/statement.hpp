@@ -47,6 +47,17 @@ bool is_single_dml(std::string_view statement);
 // Classifies one line of the script (trailing line end and blanks removed).
 ScriptLine classify_line(std::string_view line);
 
+// Where a line of a statement leaves it: outside every quoted literal (the
+// statement ends with the line), or inside a single-quoted one that goes on
+// in the next line, plain ('' for a quote) or E'...' (backslash escapes too).
+enum class Quoting { None, Plain, Escaped };
+
+// The quoting at the end of `line`, which begins in `quoting`. Outside a
+// literal, a "--" comment ends the line, and a block comment, a quoted
+// identifier or a dollar-quoted string is skipped where it closes on the
+// line and ends it where it does not: only single-quoted literals go on.
+Quoting quoting_after(std::string_view line, Quoting quoting);
+
 // Whether `line` holds a statement (classify_line would say Insert,
 // Pipelined or Alone), told without splitting an INSERT.
 bool holds_statement(std::string_view line);

@@ -3,6 +3,7 @@
 // SIGQUIT) and rv_db_update set_params_fix.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <regex>
@@ -83,13 +84,29 @@ TEST_F(DbTools, AnswersExportTextRefusalsAndFailures) {
     }
     EXPECT_EQ(pg_query("ravik_db", "select name = 'it' || chr(180) || 's' from t where id = 1"), PgRows{{"t"}});
 
-    const std::string file = box.dir("gv_rw_work") + "db_x.tmp";
-    rvtest::write_file(file, exported + "\n-- 0 rows found \n");
-    pg_query("ravik_db", "delete from x");
-    const std::string psql = std::getenv("RVPG_BIN") + std::string("/psql");
-    const auto loaded = rvtest::run({psql, "-X", "-q", "-v", "ON_ERROR_STOP=1", "-d", "ravik_db", "-f", file});
-    ASSERT_EQ(loaded.status, 0) << loaded.out << loaded.err;
-    EXPECT_EQ(pg_query("ravik_db", "select * from x order by id"), before);
+    // Both psql and the loader restore the export text, values with line
+    // breaks (which it writes as they are, so a row goes over several lines)
+    // exactly as well.
+    pg_query("ravik_db", "create table y (id int, t text, j json, a text[]); insert into y values (1, E'a\\nb\\r\\n"
+                         "\\n-- c''d\\n', E'{\"k\":\\n \"v\"}', array[E'one\\ntwo', 'three']), (2, E'\\n', '[]', NULL)");
+    const auto multiline = pg_query("ravik_db", "select * from y order by id");
+    const auto exported_y = tool("rv_db", {"select * from y", "-e"});
+    ASSERT_EQ(exported_y.status, 0) << exported_y.err;
+    const std::string file = box.dir("gv_rw_work") + "db_x.tmp", psql = std::getenv("RVPG_BIN") + std::string("/psql");
+    const std::tuple<std::string, std::string, PgRows> tables[] = {
+        {"x", exported + "\n-- 0 rows found \n", before}, {"y", exported_y.out, multiline}};
+    for (const auto& [table, text, rows] : tables) {
+        rvtest::write_file(file, text);
+        for (const Lines& load : {Lines{psql, "-X", "-q", "-v", "ON_ERROR_STOP=1", "-d", "ravik_db", "-f", file},
+                                  Lines{rvtest::bin("oaisql"), "-c", file}}) {
+            pg_query("ravik_db", "delete from " + table);
+            const auto loaded = rvtest::run(load);
+            EXPECT_EQ(loaded.status, 0) << load[0] << loaded.out << loaded.err;
+            EXPECT_EQ(pg_query("ravik_db", "select * from " + table + " order by id"), rows) << load[0];
+        }
+    }
+    // Rows of 7 and 2 lines, an empty line, the count.
+    EXPECT_EQ(std::count(exported_y.out.begin(), exported_y.out.end(), '\n'), 7 + 2 + 1 + 1);
 }
 
 TEST_F(DbTools, SigquitEndsTheStatementNotTheTool) {

@@ -34,18 +34,21 @@ Lines error_lines(const std::string& out) {
 auto outcome(const rvtest::RunResult& r) { return std::tie(r.status, r.out); }
 
 // Rows 1..n of the table ev; those `refused` has a negative val, which the
-// check refuses. Without a key, a row committed twice shows.
-std::string ev_rows(int n, bool (*refused)(int)) {
+// check refuses. Without a key, a row committed twice shows. `split`: each
+// statement over two lines, a line break in its val literal (which the
+// integer ignores).
+std::string ev_rows(int n, bool (*refused)(int), bool split = false) {
     std::string script;
     for (int i = 1; i <= n; ++i)
-        script += "INSERT INTO ev (seq,val) VALUES ('" + std::to_string(i) + (refused(i) ? "','-1');\n" : "','1');\n");
+        script += "INSERT INTO ev (seq,val) VALUES ('" + std::to_string(i) + (refused(i) ? "','-1" : "','1") +
+                  (split ? "\n');\n" : "');\n");
     return script;
 }
-// What oaisql without -e reports for the refused row `seq` of ev, on line `seq`.
-std::string ev_refused(int seq) {
+// What oaisql without -e reports for the refused row `seq` of ev, on `line`.
+std::string ev_refused(int seq, int line = 0) {
     const std::string n = std::to_string(seq);
-    return "Error in line " + n + ": new row for relation \"ev\" violates check constraint \"ev_val_check\" (Failing "
-           "row contains (" + n + ", -1).)\n";
+    return "Error in line " + std::to_string(line > 0 ? line : seq) + ": new row for relation \"ev\" violates check "
+           "constraint \"ev_val_check\" (Failing row contains (" + n + ", -1).)\n";
 }
 
 class DbLoader : public rvtest::DbTest {
@@ -87,6 +90,31 @@ TEST_F(DbLoader, BothScriptFormsLoadEveryValueExactly) {
              "INSERT INTO media (id,label,note) VALUES ('7','L7','plain');\n");
     EXPECT_EQ(outcome(r), std::make_tuple(0, "oaisql: 2 statements, 2 succeeded, 0 failed\n")) << r.err;
     EXPECT_EQ(value("select string_agg(note, '|' order by id) from media where id >= 6"), "a\tb|plain");
+}
+
+TEST_F(DbLoader, AStatementOverSeveralLinesLoadsItsValuesExactlyAndIsKnownByItsFirstLine) {
+    pg_query("ravik_db", "create table ml (id int primary key, t text, j json, a text[])");
+    // Parameters, a literal batch statement, two statements run alone; a
+    // failing one; a literal the script never closes, the last line.
+    const std::string script = "connect ravik_db\nINSERT INTO ml (id,t,j,a) VALUES ('1','a\nb\n\n-- c''d\r\n','{\"k\":"
+        "\n \"v\"}','{\"one\ntwo\",three}');\nINSERT INTO ml (id,t) VALUES (2, 'x\ny');\nINSERT INTO ml (id,t) "
+        "VALUES (3, 'p\nq'); UPDATE ml SET j = '[\n1]' WHERE id = 3;\nINSERT INTO ml (id,t) VALUES ('1','dup\nline');\n"
+        "INSERT INTO ml (id,t) VALUES ('4','never\nclosed);\n";
+    const std::string out = "Error in line 14: duplicate key value violates unique constraint \"ml_pkey\" (Key (id)=(1) "
+        "already exists.) | statement: INSERT INTO ml (id,t) VALUES ('1','dup line');\nError in line 16: the script "
+        "ends inside a quoted literal of this statement | statement: INSERT INTO ml (id,t) VALUES ('4','never closed);\n"
+        "oaisql: 5 statements, 3 succeeded, 2 failed\n";
+    for (Lines args : {Lines{}, Lines{"-b", "1", "-g", "1", "-p", box.path("work/ml.pos")}}) {
+        pg_query("ravik_db", "truncate ml");
+        args.push_back("-e");
+        EXPECT_EQ(outcome(load(script, args)), std::make_tuple(1, out)) << ::testing::PrintToString(args);
+        EXPECT_EQ(pg_query("ravik_db", "select id::text, t, j::text, a[1], a[2] from ml order by id"),
+                  (PgRows{{"1", "a\nb\n\n-- c'd\r\n", "{\"k\":\n \"v\"}", "one\ntwo", "three"},
+                          {"2", "x\ny", std::nullopt, std::nullopt, std::nullopt},
+                          {"3", "p\nq", "[\n1]", std::nullopt, std::nullopt}}));
+    }
+    const auto recorded = rv::read_load_position(box.path("work/ml.pos"));
+    EXPECT_TRUE(recorded && recorded->ended && recorded->durable == 16 && recorded->last == 17);
 }
 
 TEST_F(DbLoader, FailingStatementsAreReportedAloneAndTheRestCommittedOnce) {
@@ -285,9 +313,6 @@ TEST_F(DbLoader, AContinuationTakesUpAfterWhatTheRecordedRunCommitted) {
 
 TEST_F(DbLoader, AnInterruptedLoadContinuesWithEveryStatementOnce) {
     const auto refused = [](int i) { return i % 997 == 0; };
-    rvtest::write_file(file, ev_rows(200000, refused));
-    Lines all;
-    for (int i = 997; i <= 200000; i += 997) all.push_back(ev_refused(i).substr(0, ev_refused(i).size() - 1));
     const std::string pos = box.path("work/db_ev.pos");
     pid_t writer = 0;  // held, as in the crash test above, so that a crash loses what no commit waited for
     struct UpAgain {  // whatever happens, the other tests find the server up
@@ -297,12 +322,19 @@ TEST_F(DbLoader, AnInterruptedLoadContinuesWithEveryStatementOnce) {
             EXPECT_TRUE(rvtest::pg_cluster("restart"));
         }
     } up_again{writer};
-    // Killed with its caller, or the server crashed under it.
-    const std::pair<const char*, std::function<void(pid_t)>> interruptions[] = {
-        {"killed", [&](pid_t loader) { kill(loader, SIGKILL), kill(writer, SIGCONT); }},
-        {"crashed", [&](pid_t) { EXPECT_TRUE(rvtest::pg_cluster("crash", writer)); }}};
-    for (const auto& [what, interrupt] : interruptions) {
+    // Killed with its caller, or the server crashed under it; statements of
+    // one line, or of two: the first line of each is the one that counts.
+    const std::tuple<const char*, int, std::function<void(pid_t)>> interruptions[] = {
+        {"killed", 1, [&](pid_t loader) { kill(loader, SIGKILL), kill(writer, SIGCONT); }},
+        {"crashed", 1, [&](pid_t) { EXPECT_TRUE(rvtest::pg_cluster("crash", writer)); }},
+        {"killed, two lines a statement", 2, [&](pid_t loader) { kill(loader, SIGKILL), kill(writer, SIGCONT); }}};
+    for (const auto& [what, span, interrupt] : interruptions) {
         SCOPED_TRACE(what);
+        const auto line_of = [span](int seq) { return span * (seq - 1) + 1; };
+        rvtest::write_file(file, ev_rows(200000, refused, span == 2));
+        Lines all;
+        for (int i = 997; i <= 200000; i += 997) all.push_back(ev_refused(i, line_of(i)));
+        for (std::string& line : all) line.pop_back();
         pg_query("ravik_db", "truncate ev");
         writer = std::stoi(value("select pid from pg_stat_activity where backend_type = 'walwriter'"));
         ASSERT_EQ(kill(writer, SIGSTOP), 0);
@@ -322,7 +354,8 @@ TEST_F(DbLoader, AnInterruptedLoadContinuesWithEveryStatementOnce) {
         // those of the statements after it.
         Lines said;
         for (const auto& [line, text] : recorded->errors) if (line <= std::stoul(at[1])) said.push_back(text);
-        for (int i = 997; i <= 200000; i += 997) if (i > std::stoi(at[1])) said.push_back(all[i / 997 - 1]);
+        for (int i = 997; i <= 200000; i += 997) if (line_of(i) > std::stoi(at[1])) said.push_back(all[i / 997 - 1]);
+        EXPECT_EQ((std::stoi(at[1]) - 1) % span, 0) << "not the first line of a statement";
         EXPECT_EQ(error_lines(second.out), said);
         // So every one is said, and only that one again that the first run
         // said and had not recorded as said when it ended.

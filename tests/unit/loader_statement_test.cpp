@@ -2,6 +2,7 @@
 // that may join a batch, directives, and server messages on one line.
 #include <gtest/gtest.h>
 
+#include "loader/insert_shapes.hpp"
 #include "loader/script.hpp"
 #include "loader/statement.hpp"
 #include "support/sandbox.hpp"
@@ -80,6 +81,60 @@ TEST(LoaderStatement, LineKindsAndOneLineMessages) {
     EXPECT_EQ(rv::one_line("duplicate key\nDETAIL:  Key (id)=(5)\n"),
               "duplicate key DETAIL: Key (id)=(5)");
     EXPECT_EQ(rv::one_line("\r\n\t a \t b  \n"), "a b");
+}
+
+// Where a statement's line leaves it: only a single-quoted literal goes on
+// in the next line; comments, identifiers and dollar quotes end with it.
+TEST(LoaderStatement, OnlyAnOpenQuotedLiteralGoesOnInTheNextLine) {
+    using Q = rv::Quoting;
+    const std::tuple<const char*, Q, Q> cases[] = {
+        {"INSERT INTO t (a) VALUES ('x');", Q::None, Q::None}, {"INSERT INTO t (a) VALUES ('x", Q::None, Q::Plain},
+        {"VALUES ('it''s", Q::None, Q::Plain}, {"VALUES ('it''", Q::None, Q::Plain}, {"'", Q::None, Q::Plain},
+        {"VALUES ('it'''", Q::None, Q::None}, {"a'');", Q::Plain, Q::Plain}, {"a');", Q::Plain, Q::None},
+        {"", Q::Plain, Q::Plain}, {"'' 'b", Q::Plain, Q::None},
+        {"SET a = E'x\\'", Q::None, Q::Escaped}, {"SET a = E'x\\\\'", Q::None, Q::None},  // E'x\'  and E'x\\'
+        {"SET a = e'\\'';", Q::None, Q::None}, {"\\';", Q::Escaped, Q::Escaped}, {"\\';", Q::Plain, Q::None},
+        {"SET a = name'x", Q::None, Q::Plain}, {"SET note'x", Q::None, Q::Plain},  // no E of its own
+        {"SET a = 1; -- don't", Q::None, Q::None}, {"SET a = /* it's */ 'x", Q::None, Q::Plain},
+        {"SET a = /* it's", Q::None, Q::None}, {"SET \"it's\" = 'x", Q::None, Q::Plain},
+        {"SET \"it's", Q::None, Q::None}, {"AS $$ it's $$ 'x", Q::None, Q::Plain},
+        {"AS $f$ it's $$ $f$;", Q::None, Q::None}, {"AS $$ it's", Q::None, Q::None},
+        {"WHERE a = $1 AND b = 'x", Q::None, Q::Plain}, {"WHERE a$b = 'x", Q::None, Q::Plain},
+    };
+    for (const auto& [line, before, after] : cases) EXPECT_EQ(rv::quoting_after(line, before), after) << line;
+}
+
+// A statement is read with the lines its literals go on in, known by its
+// first line; its values come back with their line feeds (and carriage
+// returns) exactly.
+TEST(LoaderStatement, AStatementOverSeveralLinesIsOneKnownByItsFirstLine) {
+    rvtest::Sandbox box;
+    const std::string file = box.path("script.sql");
+    rvtest::write_file(file, "connect ravik_db\nINSERT INTO t (a,b) VALUES ('x\n\n-- y\r\nconnect z','2');\n"
+                             "-- note\nUPDATE t SET a = 'it''s\n'' b' WHERE c = 1;\nINSERT INTO t (a) VALUES ("
+                             "'{\"k\": \"v\n\"}');\nINSERT INTO t (a) VALUES ('one');\nINSERT INTO t (a) VALUES ('o\n\n");
+    rv::InsertShapes shapes(1);
+    rv::UnitReader units(rv::FilePtr(std::fopen(file.c_str(), "r")), 100, shapes);
+    std::vector<std::tuple<std::size_t, Kind, std::string>> read;
+    std::vector<std::optional<std::string>> values;
+    for (auto unit = units.next(); unit.kind != rv::Unit::Kind::End; unit = units.next()) {
+        for (const auto& statement : unit.statements) {
+            read.emplace_back(statement.line, statement.kind, statement.unterminated ? "open" : statement.text);
+            values.insert(values.end(), statement.values.begin(), statement.values.end());
+        }
+    }
+    EXPECT_EQ(read, (std::vector<std::tuple<std::size_t, Kind, std::string>>{
+                        {2, Kind::Insert, "INSERT INTO t (a,b) VALUES ('x\n\n-- y\r\nconnect z','2');"},
+                        {7, Kind::Pipelined, "UPDATE t SET a = 'it''s\n'' b' WHERE c = 1;"},
+                        {9, Kind::Insert, "INSERT INTO t (a) VALUES ('{\"k\": \"v\n\"}');"},
+                        {11, Kind::Insert, "INSERT INTO t (a) VALUES ('one');"}, {12, Kind::Alone, "open"}}));
+    EXPECT_EQ(values, (std::vector<std::optional<std::string>>{"x\n\n-- y\r\nconnect z", "2", "{\"k\": \"v\n\"}", "one"}));
+    EXPECT_EQ(units.lines(), 13u);
+    const auto count = rv::count_statements(file);
+    ASSERT_TRUE(count);
+    EXPECT_EQ(count->statements, 5u);
+    const std::pair<std::size_t, std::size_t> through[] = {{1, 0}, {2, 1}, {6, 1}, {7, 2}, {9, 3}, {11, 4}, {12, 5}, {13, 5}};
+    for (const auto& [line, statements] : through) EXPECT_EQ(count->statements_through(line), statements) << line;
 }
 
 // The count behind a progress line: statements, and those up to a line of
