@@ -33,7 +33,7 @@ bool iPSQL_GET_CALCULATED_VALUE(const PGresult* res, std::string& cpMsg);
 bool iPSQL_MAKE_DB_REC_LIS(const PGresult* res, std::string& cpMsg, DB_REC_LIS* pRL);
 
 // Writes the export text for the table named in `cpMsg` on standard output,
-// one INSERT line per row, flushed per row, then "\n-- N rows found \n".
+// one INSERT statement per row, flushed per row, then "\n-- N rows found \n".
 // More than kMaxColumns columns are refused (E017) before anything is
 // written; `cpMsg` then holds the reason.
 bool iPSQL_MAKE_EXPORT_FILE(const PGresult* res, std::string& cpMsg, DB_REC_LIS* pRL);
