@@ -59,11 +59,14 @@ void append_quoted(std::string& out, const std::string& value) {
         return;
     }
     out += '\'';
-    for (char c : value) {
-        out += c;
-        if (c == '\'') {
-            out += '\'';
+    // Runs between quotes go whole; a quote is doubled.
+    for (std::size_t at = 0; at < value.size();) {
+        const std::size_t quote = std::min(value.find('\'', at), value.size());
+        out.append(value, at, quote - at);
+        if (quote < value.size()) {
+            out += "''";
         }
+        at = quote + 1;
     }
     out += '\'';
 }
@@ -122,35 +125,52 @@ std::vector<std::pair<std::string, std::string>> columns_to_add(const std::strin
 }  // namespace
 
 bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& why) {
-    row.columns.clear();
     if (line.size() > kChangeLineMax) {
+        row.columns.clear();
         why = "is longer than " + std::to_string(kChangeLineMax) + " characters";
         return false;
     }
-    const std::vector<std::string> elements = split(line, '|', EmptyFields::drop);
-    if (elements.empty()) {
+    // The strings of the last row are reused: rows of one table have the
+    // same columns, so reading a row allocates nothing.
+    std::size_t count = 0;
+    for (std::size_t at = 0; at <= line.size();) {
+        const std::size_t bar = std::min(line.find('|', at), line.size());
+        const std::string_view element = line.substr(at, bar - at);
+        at = bar + 1;
+        if (element.empty()) {
+            continue;
+        }
+        // The value is everything behind the first '=' (it may hold more).
+        const auto eq = element.find('=');
+        if (eq == std::string_view::npos || eq == 0) {
+            row.columns.clear();
+            clear_progress_line();
+            std::printf("\n\nKein Token '=' verfuegbar.");
+            console_mid_line();
+            why = "holds an element without name=value: " + std::string(element);
+            return false;
+        }
+        if (element.size() > kChangeElementMax || eq > kChangeColumnNameMax) {
+            row.columns.clear();
+            why = "holds an element longer than the limits (name " + std::to_string(kChangeColumnNameMax) +
+                  ", name=value " + std::to_string(kChangeElementMax) + " characters): " +
+                  std::string(element.substr(0, eq));
+            return false;
+        }
+        if (count == row.columns.size()) {
+            row.columns.emplace_back();
+        }
+        row.columns[count].column.assign(element.substr(0, eq));
+        row.columns[count].value.assign(element.substr(eq + 1));
+        ++count;
+    }
+    row.columns.resize(count);
+    if (count == 0) {
         clear_progress_line();
         std::printf("\n\nKein Token '|' verfuegbar in %.*s.", static_cast<int>(line.size()), line.data());
         console_mid_line();
         why = "holds no element";
         return false;
-    }
-    for (const auto& element : elements) {
-        // The value is everything behind the first '=' (it may hold more).
-        const auto eq = element.find('=');
-        if (eq == std::string::npos || eq == 0) {
-            clear_progress_line();
-            std::printf("\n\nKein Token '=' verfuegbar.");
-            console_mid_line();
-            why = "holds an element without name=value: " + element;
-            return false;
-        }
-        if (element.size() > kChangeElementMax || eq > kChangeColumnNameMax) {
-            why = "holds an element longer than the limits (name " + std::to_string(kChangeColumnNameMax) +
-                  ", name=value " + std::to_string(kChangeElementMax) + " characters): " + element.substr(0, eq);
-            return false;
-        }
-        row.columns.push_back({element.substr(0, eq), element.substr(eq + 1)});
     }
     return true;
 }
@@ -187,10 +207,10 @@ void insert_lists(const strRow& row, std::string& columns, std::string& values) 
     }
 }
 
-std::string insert_text(std::string_view table, const std::string& columns, const std::string& values) {
-    std::string line = "INSERT INTO ";
-    line.append(table).append(" (").append(columns).append(") VALUES (").append(values).append(");");
-    return line;
+// The INSERT line of a row into `line` (its storage reused row by row).
+void insert_text(std::string& line, std::string_view table, const std::string& columns, const std::string& values) {
+    line.assign("INSERT INTO ").append(table).append(" (").append(columns).append(") VALUES (").append(values);
+    line.append(");\n");
 }
 
 }  // namespace
@@ -251,6 +271,7 @@ void write_inserts(std::FILE* in, AtomicFile& out, const std::string& table,
     strRow row;
     std::string columnList;
     std::string valueList;
+    std::string insert;
     std::size_t number = 0;
     while (read_line(in, line)) {
         ++number;
@@ -271,10 +292,11 @@ void write_inserts(std::FILE* in, AtomicFile& out, const std::string& table,
                    "line " + std::to_string(number) + " of " + file + " makes a column or value list longer than " +
                        std::to_string(kChangeListMax) + " characters");
         }
-        const std::string insert = insert_text(table, columnList, valueList);
-        WRITE_TRACE(3, "%s", insert.c_str());
-        std::fputs(insert.c_str(), out.stream());
-        std::fputc('\n', out.stream());
+        insert_text(insert, table, columnList, valueList);
+        if (tracing(3)) {
+            WRITE_TRACE(3, "%.*s", static_cast<int>(insert.size() - 1), insert.c_str());
+        }
+        std::fwrite(insert.data(), 1, insert.size(), out.stream());
         progress.advance();
     }
 }

@@ -1,23 +1,34 @@
 #include "sys/file_io.hpp"
 
+#include <sys/types.h>
+
 #include <algorithm>
+#include <cstdlib>
+#include <memory>
 
 namespace rv {
 
 bool read_line(std::FILE* fp, std::string& line, LineFeed lf) {
-    line.clear();
-    int c;
-    // Tables run to millions of lines: no lock per character.
-    while ((c = getc_unlocked(fp)) != EOF) {
-        if (c == '\n') {
-            if (lf == LineFeed::keep) {
-                line.push_back('\n');
-            }
-            return true;
-        }
-        line.push_back(static_cast<char>(c));
+    // Tables run to millions of lines: the C library finds the line feed in
+    // its buffer, NUL bytes included, into a buffer that grows as needed.
+    struct Free {
+        void operator()(char* p) const { std::free(p); }
+    };
+    static std::unique_ptr<char, Free> buffer;
+    static std::size_t capacity = 0;
+    char* raw = buffer.release();
+    const ssize_t n = getdelim(&raw, &capacity, '\n', fp);
+    buffer.reset(raw);
+    if (n <= 0) {
+        line.clear();
+        return false;
     }
-    return !line.empty();
+    std::size_t size = static_cast<std::size_t>(n);
+    if (raw[size - 1] == '\n' && lf == LineFeed::drop) {
+        --size;
+    }
+    line.assign(raw, size);
+    return true;
 }
 
 bool read_piece(std::FILE* fp, std::string& piece, std::size_t max) {
