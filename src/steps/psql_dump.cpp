@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -58,10 +59,16 @@ bool write_statement(const std::string& sqi, const std::string& sql, std::string
     return true;
 }
 
+std::optional<std::uint64_t> footer_of(const std::string& sqo);
+
 // What kind of answer `sqo` holds: true with the rows footer or command tag
 // that was found in `answer`; false with the client's error or the reason in
 // `answer`.
 bool classify_answer(const std::string& sqo, std::string& answer) {
+    if (const std::optional<std::uint64_t> rows = footer_of(sqo)) {
+        answer = *rows == 1 ? " row)" : " rows)";  // what the search below would find
+        return true;                                // without reading the rows twice
+    }
     answer = " rows)|OR| row)";
     if (file_search(sqo, answer)) {
         return true;
@@ -314,10 +321,29 @@ std::string column_refusal(const Answer& answer) {
     return {};
 }
 
+// The image line "|name=value|...|\n" of the answer's row `line` (values
+// trimmed of blanks) into `record`, its storage reused; false when the row
+// has not one field for each of `names`.
+bool image_record(std::string_view line, const std::vector<std::string>& names, std::string& record) {
+    record.assign("|");
+    std::size_t field = 0;
+    for (std::size_t at = 0; at <= line.size(); ++field) {
+        const std::size_t bar = std::min(line.find('|', at), line.size());
+        if (field == names.size()) {
+            return false;
+        }
+        record.append(names[field]).append(1, '=').append(trimmed(line.substr(at, bar - at))).append(1, '|');
+        at = bar + 1;
+    }
+    record += '\n';
+    return field == names.size();
+}
+
 // Writes the rows up to the footer as image lines "|name=value|...|";
 // returns why the answer cannot become an image, or "".
 std::string copy_rows(std::FILE* in, std::FILE* out, Answer& answer) {
     std::string line;
+    std::string record;
     while (read_line(in, line)) {
         if (parse_footer(line, answer.footerCount)) {
             break;
@@ -328,19 +354,13 @@ std::string copy_rows(std::FILE* in, std::FILE* out, Answer& answer) {
             }
         }
         WRITE_TRACE(3, "values: %s ", line.c_str());
-        std::vector<std::string> values = split(line, '|', EmptyFields::keep);
-        if (values.size() != answer.names.size()) {
+        if (!image_record(line, answer.lowerNames, record)) {
             return "iPGSQL_MAKE_DB_GET_FILE: row " + std::to_string(answer.rows + 1) + " of " +
-                   answer.id + " has " + std::to_string(values.size()) + " fields for " +
-                   std::to_string(answer.names.size()) +
+                   answer.id + " has " + std::to_string(std::count(line.begin(), line.end(), '|') + 1) +
+                   " fields for " + std::to_string(answer.names.size()) +
                    " columns (a value holding '|' or a line break cannot be dumped): " + line;
         }
-        std::string record = "|";
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            record += answer.lowerNames[i] + "=" + str_trim(values[i]) + "|";
-        }
-        record += '\n';
-        std::fputs(record.c_str(), out);
+        std::fwrite(record.data(), 1, record.size(), out);
         ++answer.rows;
         answer.progress.advance();
     }

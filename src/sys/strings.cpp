@@ -16,16 +16,18 @@ bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
 
+std::string_view trimmed(std::string_view s) {
+    while (!s.empty() && is_blank(s.back())) {
+        s.remove_suffix(1);
+    }
+    while (!s.empty() && is_blank(s.front())) {
+        s.remove_prefix(1);
+    }
+    return s;
+}
+
 std::string& str_trim(std::string& s) {
-    std::size_t end = s.size();
-    while (end > 0 && is_blank(s[end - 1])) {
-        --end;
-    }
-    std::size_t begin = 0;
-    while (begin < end && is_blank(s[begin])) {
-        ++begin;
-    }
-    s = s.substr(begin, end - begin);
+    s = std::string(trimmed(s));
     return s;
 }
 

@@ -20,6 +20,9 @@ inline constexpr std::size_t kCallParamSize = 512;
 // Removes leading and trailing blanks and tabs from `s` in place; returns `s`.
 std::string& str_trim(std::string& s);
 
+// `s` without the blanks and tabs around it, as str_trim leaves it.
+std::string_view trimmed(std::string_view s);
+
 // Whether split keeps the empty fields that consecutive, leading or trailing
 // delimiters make.
 enum class EmptyFields { keep, drop };
