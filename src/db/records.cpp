@@ -126,9 +126,17 @@ std::string export_line(const PGresult* res, int row, std::string_view table) {
             line.append(kNull);
         } else {
             // A quote inside the value is doubled, so the line loads as the same value.
-            line.append("'");
-            for (const char c : value_of(res, row, col)) {
-                line.append(c == '\'' ? 2 : 1, c);
+            // The loader reads one statement a line: a line feed goes as \n in an
+            // escape string, whose backslashes are then doubled as well.
+            const std::string value = value_of(res, row, col);
+            const bool escaped = value.find('\n') != std::string::npos;
+            line.append(escaped ? "E'" : "'");
+            for (const char c : value) {
+                if (escaped && c == '\n') {
+                    line.append("\\n");
+                } else {
+                    line.append(c == '\'' || (escaped && c == '\\') ? 2 : 1, c);
+                }
             }
             line.append("'");
         }

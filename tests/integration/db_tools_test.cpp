@@ -41,7 +41,8 @@ TEST_F(DbTools, AnswersExportTextRefusalsAndFailures) {
     pg_query("ravik_db", "create table t (id int, name text); create table media_retention_history_archive (id int);"
                          "create table x (id int, name text, note text, day date, amount numeric);"
                          "insert into x values (1, 'a|b', NULL, '2006-10-18', 1.5), (2, '', 'it''s x=y', NULL, NULL),"
-                         " (3, 'NULL', ' blank ', '1999-12-31', -7); create table e (id int)");
+                         " (3, 'NULL', ' blank ', '1999-12-31', -7), (4, E'two\\nlines\\\\', 'a\\b', NULL, NULL);"
+                         "create table e (id int)");
     const auto before = pg_query("ravik_db", "select * from x order by id");
     std::string longest = "select 7 as v";
     longest.resize(rv::kSqlStatementMax, ' ');
@@ -50,11 +51,12 @@ TEST_F(DbTools, AnswersExportTextRefusalsAndFailures) {
     ASSERT_TRUE(help.out.starts_with("Usage:\n")) << help.out;
     const std::string failed = "rv_db: the statement failed", refused = "DB_ACCESS: statement of 1034 bytes "
                                                                         "refused, at most 1023 bytes can be sent\n";
-    // A quote inside a value is doubled, so the line loads as the same value.
+    // A quote inside a value is doubled, so the line loads as the same value; a
+    // line feed makes an escape string, so that the row stays on one line.
     const std::string insert = "INSERT INTO x (id,name,note,day,amount) VALUES ";
     const std::string exported = insert + "('1','a|b',NULL,'2006-10-18','1.5');\n" + insert + "('2','','it''s x=y',"
-                                 "NULL,NULL);\n" + insert + "('3','NULL',' blank ','1999-12-31','-7');\n\n-- 3 rows "
-                                 "found \n";
+                                 "NULL,NULL);\n" + insert + "('3','NULL',' blank ','1999-12-31','-7');\n" + insert +
+                                 "('4',E'two\\nlines\\\\','a\\b',NULL,NULL);\n\n-- 4 rows found \n";
     const std::tuple<Lines, int, std::string, std::string> cases[] = {
         {{"select * from x", "-e"}, 0, exported, ""},
         // An empty table exports as the closing line alone, which loads nothing.

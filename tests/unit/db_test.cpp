@@ -13,6 +13,7 @@
 #include "db/dates.hpp"
 #include "db/records.hpp"
 #include "db/session.hpp"
+#include "loader/statement.hpp"
 #include "support/pgcluster.hpp"
 #include "support/product_test.hpp"
 
@@ -136,6 +137,16 @@ TEST_F(Db, RecordListAndExportTextWithTheirColumnLimit) {
     EXPECT_EQ(rvtest::protocol_texts(prot), (Lines{"E017-DATABAS PSQL_MAKE_EXPORT_FILE wide: too much columns.",
                                                    list_text + "too much columns.", list_text + "zu viele Spalten",
                                                    list_text + "z´vuil Spaltn", list_text + "too much columns."}));
+}
+
+// The loader reads a statement a line: a value with a line feed is written
+// as an escape string, which the loader leaves to the server to read.
+TEST_F(Db, ExportTextKeepsAValueWithALineFeedOnItsLine) {
+    const auto res = make_result({"id", "note"}, {{"1", "two\nlines, \\ and '"}, {"2", "a\\b"}});
+    const std::string first = rv::export_line(res.get(), 0, "media");
+    EXPECT_EQ(first, "INSERT INTO media (id,note) VALUES ('1',E'two\\nlines, \\\\ and ''');\n");
+    EXPECT_EQ(rv::classify_line(first).kind, rv::ScriptLineKind::Alone);
+    EXPECT_EQ(rv::export_line(res.get(), 1, "media"), "INSERT INTO media (id,note) VALUES ('2','a\\b');\n");
 }
 
 TEST_F(Db, DateFormsByDatabaseType) {
