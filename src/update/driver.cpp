@@ -1,5 +1,6 @@
 #include "update/driver.hpp"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -229,6 +230,9 @@ int parser(std::string_view cpString, int iStep) {
 
     if (execute) {
         const std::string expanded = expand_versions(command);
+        // The expansion drops the tabs before the keyword: its arguments
+        // start that much earlier.
+        argStart -= std::min(argStart, command.find_first_not_of(" \t"));
         if (run_step(keyword_of(keyword), expanded, argStart, iStep) == 0) {
             return 0;
         }
