@@ -4,7 +4,7 @@
 // answer becomes the table image "<gv_rw_work>db_<id>.tmp": one line a row,
 // "|name=value|...|". An answer that cannot be turned into a faithful image
 // (a value holding "|" or a line break, a row count that does not add up,
-// too many columns, overlong names) fails the dump: no image is left, the
+// too many columns, overlong or empty names or names holding "=") fails the dump: no image is left, the
 // .sqi and .sqo files stay for inspection.
 #pragma once
 
