@@ -28,8 +28,9 @@ void check_lookup(const std::string& file, std::string_view section, std::string
     std::string cut, cutMsg;
     FUZZ_CHECK(rv::i_GetPrivateProfileString(file, section, key, cut, cutMsg, small));
     FUZZ_CHECK(cut == value.substr(0, small - 1));
-    if (value.find("%(") != std::string::npos) {
-        return;
+    const bool blankEnd = value.back() == ' ' && value.find_first_not_of(' ') != std::string::npos;
+    if (value.find("%(") != std::string::npos || blankEnd) {
+        return;  // a reference, or the blanks a referenced value ended in: no key line holds these
     }
     const std::string again = rvfuzz::sandbox().path("again.ini");
     rvtest::write_file(again, "[x]\nk=" + value + "\n");

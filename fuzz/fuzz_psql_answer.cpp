@@ -1,7 +1,8 @@
 // The dump's answer converter: the client's answer file (echoed statement,
 // column names, rows, row count) becomes the table image. Beyond crashes:
 // a failed conversion leaves no image, not even the older one; a converted
-// one has as many lines as the row count it reports, and each line, read by
+// one has as many lines as the row count it reports, which the client's
+// footer right behind the rows gave, and each line, read by
 // the change step's image reader, gives back the lowercased column names and
 // the trimmed values of its row (unless it is beyond the change step's
 // limits, which the reader then names).
@@ -66,6 +67,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     FUZZ_CHECK(!msg.empty() && msg.find_first_not_of("0123456789") == std::string::npos && msg.size() < 10);
-    check_image(rvtest::split_lines(text), lines, std::stoul(msg));
+    const std::vector<std::string> answer = rvtest::split_lines(text);
+    const std::size_t rows = std::stoul(msg);
+    if (rows > 0) {  // the footer stands right behind the rows
+        FUZZ_CHECK(answer.size() > rows + 2 && answer[rows + 2].starts_with("("));
+        FUZZ_CHECK(answer[rows + 2].ends_with(" rows)") || (rows == 1 && answer[rows + 2].ends_with(" row)")));
+    }
+    check_image(answer, lines, rows);
     return 0;
 }
