@@ -5,6 +5,7 @@
 # input that broke a target, stay in <FUZZ_BUILD>/fuzz-work/ (default
 # build-fuzz). Prints one line a target with its executions and coverage;
 # exits 1 when a target found something (its report is printed).
+# FUZZ_FLAGS adds libFuzzer options (long runs: -detect_leaks=0, see README).
 # Usage: fuzz/run.sh [TARGET...]      (build first: make fuzz does both)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,11 +24,11 @@ for target in "$@"; do
     mkdir -p "$work/corpus/$target" "$work/artifacts/$target"
     log=$work/$target.log
     if nice -n 10 "$build/bin/fuzz_$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-        -print_final_stats=1 -artifact_prefix="$work/artifacts/$target/" \
+        -print_final_stats=1 -artifact_prefix="$work/artifacts/$target/" ${FUZZ_FLAGS:-} \
         "$work/corpus/$target" "fuzz/corpus/$target" >"$log" 2>&1; then
         runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
         cov=$(grep -o 'cov: [0-9]* ft: [0-9]*' "$log" | tail -n 1)
-        echo "fuzz $target: ${runs:-?} executions in ${seconds}s, $cov"
+        echo "fuzz $target: ${runs:-?} executions (at most ${seconds}s), $cov"
     else
         failed+=("$target")
         echo "fuzz $target: FOUND SOMETHING (input kept in $work/artifacts/$target/):"
