@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::size_t rows = std::stoul(msg);
     if (rows > 0) {  // the footer stands right behind the rows
         FUZZ_CHECK(answer.size() > rows + 2 && answer[rows + 2].starts_with("("));
-        FUZZ_CHECK(answer[rows + 2].ends_with(" rows)") || (rows == 1 && answer[rows + 2].ends_with(" row)")));
+        FUZZ_CHECK(answer[rows + 2].ends_with("rows)") || (rows == 1 && answer[rows + 2].ends_with("row)")));
     }
     check_image(answer, lines, rows);
     return 0;

@@ -99,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         rv::pathes.version_old = "1.6.3.20";
         rv::rvdb_ini = box.path("rv_db_update.ini");
         rvtest::write_file(rv::rvdb_ini, "[sub]\nlast_step_nr=3\nstep_1=cmd echo $old_version > gv_rw_work:x\n"
-                                         "step_2=[ $new_version > \"1.6.3.\" ] && exit\nstep_3=sub\n"
+                                         "step_2=[ $new_version > \"1.6.3.\" ] && exit\nstep_3=ring\n"
                                          "[ring]\nlast_step_nr=1\nstep_1=ring\n");
         setenv("PGHOST", box.path("no-server-here").c_str(), 1);
         return true;
