@@ -3,9 +3,10 @@
 // children are only recorded (the refusing runner) and whose database
 // cannot be reached (PGHOST names a directory that does not exist). Beyond
 // crashes: the expansion never lengthens a line with these releases and
-// replaces one name a word; a rewritten condition decides as before and
-// mirrored (b >< a) as well; skip, exit and KEY_NOT_FOUND start nothing and
-// end the section as they say; a cmd step runs exactly its command line; a
+// replaces one name a word ($old_version first); a rewritten condition
+// decides as before, rewrites to itself and decides the same mirrored
+// (b >< a); skip, exit and KEY_NOT_FOUND start nothing and end the section
+// as they say; a cmd step runs exactly the text behind its keyword; a
 // section that calls itself ends the run rather than the stack.
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -40,11 +41,11 @@ void check_expansion(const std::string& text) {
         newWords += word.find("$old_version") == std::string::npos && word.find("$new_version") != std::string::npos;
     }
     FUZZ_CHECK(count(out, "$old_version") == count(text, "$old_version") - oldWords);
+    FUZZ_CHECK(count(out, "$new_version") == count(text, "$new_version") - newWords);
     if (text.find('$') == std::string::npos) {
         std::string trimmed = text;
         FUZZ_CHECK(out == rv::str_trim(trimmed));
     }
-    (void)newWords;
 }
 
 void check_condition(const std::string& text) {
