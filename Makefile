@@ -1,6 +1,8 @@
 # Set-up and everyday commands. `make test` builds everything and runs every
 # test; it installs missing packages first (as root with apt-get).
 # SANITIZE=1 (set by CI) builds with AddressSanitizer and UBSan.
+# `make fuzz` builds the libFuzzer targets of fuzz/ with clang into
+# build-fuzz/ and runs each for FUZZ_SECONDS seconds (fuzz/README.md).
 
 JOBS ?= 2
 ifeq ($(SANITIZE),1)
@@ -10,7 +12,7 @@ else
 BUILD ?= build
 endif
 
-.PHONY: all deps build test demo package clean
+.PHONY: all deps build test demo package fuzz clean
 
 all: build
 
@@ -35,5 +37,12 @@ package:
 	cd build-package && cpack
 	lintian --fail-on error build-package/*.deb
 
+FUZZ_SECONDS ?= 60
+fuzz:
+	@scripts/ensure-deps.sh clang-14 libclang-rt-14-dev
+	CXX=clang++-14 cmake -S . -B build-fuzz -G Ninja -DRV_FUZZ=ON -DRV_BUILD_TESTS=OFF
+	cmake --build build-fuzz --target fuzzers -j $(JOBS)
+	FUZZ_SECONDS=$(FUZZ_SECONDS) fuzz/run.sh
+
 clean:
-	rm -rf build build-asan build-package
+	rm -rf build build-asan build-package build-fuzz

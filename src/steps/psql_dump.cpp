@@ -84,15 +84,21 @@ bool classify_answer(const std::string& sqo, std::string& answer) {
     return false;
 }
 
-// The client's row count footer: exactly "(N rows)" or "(1 row)".
+// The client's row count footer: exactly "(N rows)" or "(1 row)". `count`
+// is set only by a footer.
 bool parse_footer(const std::string& line, long& count) {
     char tail[8] = {};
     int used = 0;
-    if (std::sscanf(line.c_str(), "(%ld %6[rows])%n", &count, tail, &used) != 2 ||
+    long number = 0;
+    if (std::sscanf(line.c_str(), "(%ld %6[rows])%n", &number, tail, &used) != 2 ||
         static_cast<std::size_t>(used) != line.size()) {
         return false;
     }
-    return std::string_view(tail) == "rows" || (std::string_view(tail) == "row" && count == 1);
+    if (std::string_view(tail) != "rows" && (std::string_view(tail) != "row" || number != 1)) {
+        return false;
+    }
+    count = number;
+    return true;
 }
 
 // Removes the image of `id`: no failed dump may leave one, not even an older
@@ -312,6 +318,11 @@ std::string column_refusal(const Answer& answer) {
                " columns, a table image holds at most " + std::to_string(kDumpColumnsMax);
     }
     for (const auto& name : answer.names) {
+        // The image's reader takes the name up to the first '='.
+        if (name.empty() || name.find('=') != std::string::npos) {
+            return "iPGSQL_MAKE_DB_GET_FILE: column name \"" + name + "\" of " + id +
+                   " is empty or holds '=', a table image cannot carry it";
+        }
         if (name.size() > kDumpColumnNameMax) {
             return "iPGSQL_MAKE_DB_GET_FILE: column name " + name + " of " + id + " has " +
                    std::to_string(name.size()) + " bytes, a table image allows at most " +

@@ -4,11 +4,12 @@
 // answer becomes the table image "<gv_rw_work>db_<id>.tmp": one line a row,
 // "|name=value|...|". An answer that cannot be turned into a faithful image
 // (a value holding "|" or a line break, a row count that does not add up,
-// too many columns, overlong names) fails the dump: no image is left, the
-// .sqi and .sqo files stay for inspection. The client reads its settings
-// from "<gv_rw_tmp><id>.psqlrc", written by the tool for the dump (through
-// PSQLRC; the operator's own settings file is not read): it fetches the rows
-// kDumpFetchRows at a time, so its memory does not grow with the table.
+// too many columns, overlong or empty names or names holding "=") fails the
+// dump: no image is left, the .sqi and .sqo files stay for inspection. The
+// client reads its settings from "<gv_rw_tmp><id>.psqlrc", written by the
+// tool for the dump (through PSQLRC; the operator's own settings file is not
+// read): it fetches the rows kDumpFetchRows at a time, so its memory does
+// not grow with the table.
 #pragma once
 
 #include <cstddef>

@@ -303,7 +303,9 @@ int parser(std::string_view cpString, int iStep, bool repeated) {
     if (call.runs()) {
         call.keyword = keyword_of(text.keyword);
         call.expanded = expand_versions(text.command);
-        call.argStart = text.argStart;
+        // The expansion drops the tabs before the keyword: its arguments
+        // start that much earlier.
+        call.argStart = text.argStart - std::min(text.argStart, text.command.find_first_not_of(" \t"));
     }
     if (gStepHandler->step(call) == 0) {
         return 0;

@@ -13,6 +13,8 @@
 
 #include "support/command_test.hpp"
 #include "support/fake_runner.hpp"
+#include "support/product_test.hpp"
+#include "update/driver.hpp"
 
 namespace {
 
@@ -272,6 +274,15 @@ step_3=cmd touch gv_rw_work:after_exit.txt
                                             work + "versions_*.txt"}));
     EXPECT_TRUE(fs::is_directory(export_dir + "sub"));
     EXPECT_EQ(rvtest::read_file(work + "nested.txt") + rvtest::read_file(work + "count.txt"), "nested\n1.6.4.71\n");
+}
+
+// A step line indented by tabs keeps its arguments whole.
+TEST_F(RvDbUpdate, AStepIndentedByTabsKeepsItsArguments) {
+    rvtest::FakeRunner runner;
+    rv::pathes.version = "1.6.4.71";
+    out = rvtest::capture(1, [] { EXPECT_EQ(rv::parser("\t\tcmd  echo $new_version", 1), 1); });
+    EXPECT_EQ(runner.ran, (std::vector<std::string>{" echo 1.6.4.71"}));
+    EXPECT_EQ(out, "step=1 cmd=echo 1.6.4.71\n");
 }
 
 // A run that a step ended stays unfinished: update is refused, resume skips the steps that ended (in nested

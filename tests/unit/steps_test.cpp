@@ -147,6 +147,9 @@ TEST_F(Steps, DumpAnswerBecomesTheImageOrFailsTheDump) {
         {"s\nid|note\n1|two\nlines\n(1 row)\n", false, "row 2 of media has 1 fields for 2 columns", none},
         {"s\nid\n1\n2\n(1 row)\n", false, "2 rows read, but the database reported 1", none},
         {"s\nid\n1\n", false, "no row count", none},
+        {"s\nid\n(2 row)\n3\n", false, "no row count", none},  // "(2 row)" is a value
+        {"s\nid|a=b\n1|2\n(1 row)\n", false, "column name \"a=b\" of media is empty or holds '='", none},
+        {"s\n\n\n(1 row)\n", false, "column name \"\" of media is empty", none},  // a table without columns
         {"s\n" + header + "\n" + row + "\n(1 row)\n", false, "media has 31 columns, a table image holds at most 30",
          none},
         {"s\nexpiration_date_u\n(0 rows)\n", false, "column name expiration_date_u of media has 17 bytes", none},
