@@ -129,10 +129,12 @@ std::vector<ScriptFinding> Checker::run() {
             later.emplace_back(&section, version);
         }
     }
-    for (const auto& [section, version] : later) {
+    for (const auto& pending : later) {
+        // (a structured binding cannot be captured by every compiler)
+        const auto* section = pending.first;
         if (std::none_of(walked_.begin(), walked_.end(),
-                         [&](const auto& w) { return w.first == section; })) {
-            walk(*section, version);
+                         [section](const auto& w) { return w.first == section; })) {
+            walk(*section, pending.second);
         }
     }
     if (walked_.empty()) {
