@@ -52,7 +52,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (nul) {
         return 0;  // the database's text holds no NUL byte
     }
-    const rv::ScriptLine parsed = rv::classify_line(line.substr(0, line.size() - 1));
+    const std::string statement = line.substr(0, line.size() - 1);  // the parse refers into it
+    const rv::ScriptLine parsed = rv::classify_line(statement);
     FUZZ_CHECK(parsed.kind == rv::ScriptLineKind::Insert && parsed.insert.table == "media");
     FUZZ_CHECK(parsed.insert.columns.size() == names.size() && parsed.insert.values == values);
     for (std::size_t col = 0; col < names.size(); ++col) {
