@@ -24,5 +24,5 @@ expect _rv_db_update "$(printf '%s\n' $words -h | sort | tr '\n' ' ' | sed 's/ $
 expect _rv_db_update "db_backup db_restore" rv_db_update db_
 expect _rv_db_update "0 1 2" rv_db_update update -v ''
 expect _rv_db_update "-v" rv_db_update update 1.6.3.20 ''
-expect _oaisql "-b -c -e -g -p -q -r" oaisql ''
+expect _oaisql "-b -c -e -g -p -q -r -s" oaisql ''
 exit $fail

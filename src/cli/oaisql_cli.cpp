@@ -15,7 +15,7 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT] "
-    "[-p POSFILE [-r]] [-q]\n";
+    "[-p POSFILE [-r]] [-q] [-s]\n";
 
 // The decimal count `text` (digits only, 1 to kLoaderCountMax) into
 // `count`; false when it is not one.
@@ -47,6 +47,8 @@ bool parse_options(int argc, char** argv, LoaderOptions& options) {
             options.resume = true;
         } else if (arg == "-q") {
             options.quiet = true;
+        } else if (arg == "-s") {
+            options.statements_only = true;
         } else if ((arg == "-b" || arg == "-g") && i + 1 < argc) {
             if (!parse_count(argv[++i], arg == "-b" ? options.batch : options.group)) {
                 return false;

@@ -49,6 +49,7 @@ int InsertShapes::index_of(const InsertForm& form) {
     const int columns = static_cast<int>(form.columns.size());
     prepared_.push_back(make_prepared("INSERT INTO " + key, columns, 1));
     const int index = static_cast<int>(prepared_.size() - 1);
+    prepared_.back().head = key;
     if (const std::size_t rows = group_rows(columns); rows > 1) {
         prepared_.push_back(make_prepared("INSERT INTO " + key, columns, rows));
         (*this)[index].group = index + 1;
@@ -66,6 +67,7 @@ void InsertShapes::forget() {
     for (PreparedInsert& prepared : prepared_) {
         prepared.ready = false;
         prepared.parse_segment = 0;
+        prepared.copy = -1;
     }
 }
 

@@ -25,6 +25,9 @@ struct PreparedInsert {
     bool ready = false;             // the server holds it
     std::size_t parse_segment = 0;  // the segment that last carried its Parse
     int group = -1;                 // one row: index of the group variant, once made
+    std::string head;               // one row: "<table> (<col>,...)" as the script writes it
+    int copy = -1;                  // one row: COPY may load its rows (1) or not (0); -1 not
+                                    // asked on this connection yet
 };
 
 class InsertShapes {

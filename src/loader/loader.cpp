@@ -14,6 +14,7 @@
 #include <string>
 #include <utility>
 
+#include "loader/copy_path.hpp"
 #include "loader/insert_shapes.hpp"
 #include "loader/outcome.hpp"
 #include "loader/pipeline.hpp"
@@ -56,6 +57,7 @@ class Loader {
           outcome_(out, options.echo_statement, position_.get()),
           pipeline_(session_, shapes_, outcome_, position_.get(),
                     std::max<std::size_t>(1, options.batch)),
+          copy_(session_, shapes_, outcome_, position_.get()),
           resume_(std::move(resume)),
           count_(count_for_progress(options, err)),
           progress_(options.quiet ? -1 : ::fileno(err), options.file,
@@ -73,6 +75,14 @@ class Loader {
     // Runs the statements of the batch `unit` that the interrupted run did
     // not take; returns the unit after it.
     Unit run_batch(Unit unit);
+
+    // Loads and commits the open COPY run, if any (`durable`: waiting for
+    // the disk); the script is done up to its last line then.
+    void end_copy_run(bool durable);
+
+    // The end of the part of `batch` from `lo` that goes one way: a run
+    // for COPY (`copy` set) or statements up to where such a run begins.
+    std::size_t part_end(const std::vector<Statement>& batch, std::size_t lo, bool& copy);
 
     // Switches to `database` (made durable first); throws Stop on failure.
     void connect(const std::string& database);
@@ -107,6 +117,7 @@ class Loader {
     Outcome outcome_;
     Session session_;
     Pipeline pipeline_;
+    CopyPath copy_;
     std::optional<LoadPosition> resume_;  // until the first connection settles it
     std::size_t skip_through_ = 0;        // statements up to this line ran before
     std::size_t done_line_ = 0;           // the script is done up to this line
@@ -123,6 +134,7 @@ void Loader::run() {
     while (unit.kind != Unit::Kind::End) {
         unit = run_unit(std::move(unit));
     }
+    end_copy_run(false);
     ensure_connection();  // an empty script still proves the connection
     make_durable();
     if (units_.error() != 0) {
@@ -134,6 +146,9 @@ void Loader::run() {
 }
 
 Unit Loader::run_unit(Unit unit) {
+    if (unit.kind != Unit::Kind::Batch) {
+        end_copy_run(false);
+    }
     switch (unit.kind) {
         case Unit::Kind::Connect:
             connect(unit.database);
@@ -163,16 +178,61 @@ Unit Loader::run_batch(Unit unit) {
     }
     const auto now = std::chrono::steady_clock::now();
     const bool durable = now - acknowledged_at_ >= kAcknowledgeEvery;
-    pipeline_.start(batch, durable);
-    Unit next = units_.next();  // read on while the server works
-    pipeline_.finish(batch);
+    const std::size_t last_line = batch.back().line;
+    std::optional<Unit> next;
+    for (std::size_t lo = 0; lo < batch.size();) {
+        if (copy_.open() && !copy_.continues(batch[lo])) {
+            end_copy_run(false);
+        }
+        bool copy = false;
+        const std::size_t hi = part_end(batch, lo, copy);
+        if (copy) {
+            copy_.add(batch, lo, hi);  // the statements move into the run
+        } else {
+            end_copy_run(false);
+            pipeline_.start(batch, lo, hi, durable && hi == batch.size());
+            if (hi == batch.size()) {
+                next = units_.next();  // read on while the server works
+            }
+            pipeline_.finish(batch, lo, hi);
+        }
+        lo = hi;
+    }
     progress_.advance(batch.size());
-    done_line_ = batch.back().line;
+    if (!next) {
+        next = units_.next();  // read on while the server loads the run
+    }
+    if (copy_.full() || durable) {
+        end_copy_run(durable);
+    }
+    done_line_ = copy_.open() ? copy_.first_line() - 1 : last_line;
     if (durable) {
         make_durable();  // rarely left to do: see make_durable
         acknowledged_at_ = now;
     }
-    return next;
+    return std::move(*next);
+}
+
+void Loader::end_copy_run(bool durable) {
+    if (copy_.open()) {
+        done_line_ = copy_.finish(durable);
+    }
+}
+
+std::size_t Loader::part_end(const std::vector<Statement>& batch, std::size_t lo, bool& copy) {
+    if (options_.statements_only) {
+        return batch.size();
+    }
+    std::size_t i = lo;
+    while (i < batch.size()) {
+        const std::size_t end = copy_.run_end(batch, i);
+        if (end - i >= kCopyMinRows) {
+            copy = i == lo;
+            return copy ? end : i;
+        }
+        i = std::max(i + 1, end);
+    }
+    return i;
 }
 
 void Loader::connect(const std::string& database) {

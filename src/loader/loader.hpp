@@ -37,6 +37,7 @@ struct LoaderOptions {
     std::string position;              // -p: the position file, empty: none
     bool resume = false;               // -r: continue the run recorded there
     bool quiet = false;                // -q: no progress line
+    bool statements_only = false;      // -s: INSERT statements, never COPY
 };
 
 // Runs the script of `options`; Error lines and the summary go to `out`,

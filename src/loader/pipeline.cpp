@@ -32,10 +32,12 @@ bool has_backslash(const std::vector<std::optional<std::string>>& values) {
 
 }  // namespace
 
-void Pipeline::start(const std::vector<Statement>& batch, bool durable) {
+void Pipeline::start(const std::vector<Statement>& batch, std::size_t lo, std::size_t hi,
+                     bool durable) {
     single_rows_.clear();
     durable_ = durable;
-    send_segment(batch, 0, std::min(batch.size(), window_), false);
+    end_ = hi;
+    send_segment(batch, lo, std::min(hi, lo + window_), false);
 }
 
 bool Pipeline::takes_parameters(const Statement& statement) const {
@@ -101,7 +103,7 @@ void Pipeline::send_segment(const std::vector<Statement>& batch, std::size_t lo,
         sync_recorded(in_flight_.back());  // these statements must not join its transaction
     }
     ++segment_;
-    Segment segment{lo, hi, batch[hi - 1].line, {}, durable_ && hi == batch.size()};
+    Segment segment{lo, hi, batch[hi - 1].line, {}, durable_ && hi == end_};
     PGconn* conn = session_.get();
     for (std::size_t i = lo; i < hi;) {
         const Statement& statement = batch[i];

@@ -47,14 +47,18 @@ class Pipeline {
           batch_(batch),
           window_(batch) {}
 
-    // Sends the first segment of `batch`, so that the server can work while
-    // the next unit is read; when `durable`, the commit of its last segment
-    // waits for the disk. Throws Stop when the connection is lost.
-    void start(const std::vector<Statement>& batch, bool durable);
+    // Sends the first segment of statements [lo, hi) of `batch`, so that
+    // the server can work while the next unit is read; when `durable`, the
+    // commit of their last segment waits for the disk. Throws Stop when the
+    // connection is lost.
+    void start(const std::vector<Statement>& batch, std::size_t lo, std::size_t hi,
+               bool durable);
 
-    // Runs `batch` (after start) to its end; throws Stop when the connection
-    // is lost or the server answers out of order.
-    void finish(const std::vector<Statement>& batch) { run_range(batch, 0, batch.size()); }
+    // Runs statements [lo, hi) of `batch` (after start) to their end; throws
+    // Stop when the connection is lost or the server answers out of order.
+    void finish(const std::vector<Statement>& batch, std::size_t lo, std::size_t hi) {
+        run_range(batch, lo, hi);
+    }
 
   private:
     // A message sent in the current segment: the Parse of prepared statement
@@ -155,7 +159,8 @@ class Pipeline {
     std::size_t batch_;
     std::size_t window_;  // statements per segment: halves after a failure, grows back
     std::size_t segment_ = 0;
-    bool durable_ = false;  // the current batch's
+    bool durable_ = false;  // the current range's
+    std::size_t end_ = 0;   // the end of the current range
     std::deque<Segment> in_flight_;
     std::vector<std::pair<std::size_t, std::size_t>> single_rows_;  // of the current batch
     std::vector<const char*> params_;

@@ -94,7 +94,8 @@ Unit UnitReader::next() {
         return unit;
     }
     unit.kind = Unit::Kind::Batch;
-    while (unit.statements.size() < batch_) {
+    std::size_t bytes = unit.statements.front().text.size();
+    while (unit.statements.size() < batch_ && bytes < kUnitBytes) {
         std::optional<Statement> more = read_statement();
         if (!more) {
             break;
@@ -103,6 +104,7 @@ Unit UnitReader::next() {
             pending_ = std::move(more);
             break;
         }
+        bytes += more->text.size();
         unit.statements.push_back(std::move(*more));
     }
     return unit;

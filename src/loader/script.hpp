@@ -31,6 +31,9 @@ struct Statement {
     std::vector<std::optional<std::string>> values;
 };
 
+// Statement text a batch holds, at most (it holds at least one statement).
+inline constexpr std::size_t kUnitBytes = 8 * 1024 * 1024;
+
 // What the executor takes next from the script.
 struct Unit {
     enum class Kind { End, Connect, Alone, Batch } kind = Kind::End;
@@ -71,7 +74,8 @@ class ScriptReader {
 class UnitReader {
   public:
     // Reads the open script `file`; batches hold at most `batch` (>= 1)
-    // statements, INSERT shapes are registered in `shapes`.
+    // statements and kUnitBytes of text, INSERT shapes are registered in
+    // `shapes`.
     UnitReader(FilePtr file, std::size_t batch, InsertShapes& shapes)
         : reader_(std::move(file)), batch_(batch), shapes_(shapes) {}
 

@@ -157,6 +157,59 @@ TEST_F(DbLoader, FailingStatementsAreReportedAloneAndTheRestCommittedOnce) {
               "291 291 " + std::to_string(300 * 301 / 2 - 37 * (1 + 2 + 3 + 4 + 5 + 6 + 7 + 8) - 299));
 }
 
+TEST_F(DbLoader, CopyLoadsWhatTheStatementsWouldAndLeavesTablesItWouldChangeToThem) {
+    // Each row notes which way it came: through COPY, or its own INSERT.
+    pg_query("ravik_db",
+             "create table cp (id int primary key, t text); create table way (id int, copy bool, t text);"
+             "create function noted() returns trigger language plpgsql as $$ begin insert into way values "
+             "(new.id, current_query() like '%COPY%', new.t); new.t := new.t || '+'; return new; end $$;"
+             "create trigger noted before insert on cp for each row execute function noted();"
+             "create table st (id int); create table fired (n int); create function count_fired() returns trigger "
+             "language plpgsql as $$ begin insert into fired values (1); return null; end $$;"
+             "create trigger per_statement after insert on st for each statement execute function count_fired();"
+             "create table ru (id int); create table also (id int);"
+             "create rule also_there as on insert to ru do also insert into also values (new.id)");
+    // Values COPY text has to escape: a backslash (before n, before N and
+    // alone), a tab, line breaks in the literal, apostrophes, empty and NULL;
+    // a duplicate key in the middle of the run; 20 plain rows make it a run.
+    const char* values[] = {"'back\\slash \\n \\N'", "'\\N'", "'tab\there'", "'two\nlines\r\n'", "'it''s'", "''",
+                            "NULL", "'\\'"};
+    std::string script, errors;
+    for (int i = 1; i <= 28; ++i) {
+        const std::string t = i <= 8 ? values[i - 1] : "'row " + std::to_string(i) + "'";
+        script += "INSERT INTO cp (id,t) VALUES ('" + std::to_string(i == 15 ? 3 : i) + "'," + t + ");\n";
+    }
+    const int line_15 = 15 + 2;  // two line breaks of row 4 before it
+    errors = "Error in line " + std::to_string(line_15) + ": duplicate key value violates unique constraint "
+             "\"cp_pkey\" (Key (id)=(3) already exists.)\n";
+    for (const char* table : {"st", "ru"})
+        for (int i = 1; i <= 20; ++i)
+            script += "INSERT INTO " + std::string(table) + " (id) VALUES ('" + std::to_string(i) + "');\n";
+    const auto loaded = [&] { return pg_query("ravik_db", "select id::text, t from cp order by cp.id"); };
+    std::optional<PgRows> by_statements;
+    // One row an INSERT statement, so that the statement trigger fires for each.
+    for (const Lines& args : {Lines{"-s", "-g", "1"}, Lines{"-g", "1"}, Lines{"-g", "1", "-p", box.path("work/cp.pos")}}) {
+        pg_query("ravik_db", "truncate cp, way, st, fired, ru, also");
+        const auto r = load(script, args);
+        EXPECT_EQ(outcome(r), std::make_tuple(1, errors + "oaisql: 68 statements, 67 succeeded, 1 failed\n"))
+            << r.err << ::testing::PrintToString(args);
+        // -s: every row its statement; else every row of cp through COPY but
+        // the failing one, retried alone; st and ru always by statements.
+        const bool copy = args.front() != "-s";
+        EXPECT_EQ(value("select count(*) filter (where copy) || ' ' || count(*) filter (where not copy) from way "
+                        "where id <> 3 or t <> 'row 15'"), copy ? "27 0" : "0 27") << args.front();
+        EXPECT_EQ(value("select (select count(*) from fired) || ' ' || (select count(*) from also) || ' ' || "
+                        "(select count(*) from st)"), "20 20 20");
+        if (!by_statements) by_statements = loaded();
+        EXPECT_EQ(loaded(), *by_statements);
+    }
+    EXPECT_EQ(by_statements->at(0), (std::vector<std::optional<std::string>>{"1", "back\\slash \\n \\N+"}));
+    EXPECT_EQ(by_statements->at(1).at(1), "\\N+");
+    EXPECT_EQ(by_statements->at(3).at(1), "two\nlines\r\n+");
+    EXPECT_EQ(by_statements->at(6).at(1), std::nullopt);
+    EXPECT_EQ(by_statements->at(7).at(1), "\\+");
+}
+
 TEST_F(DbLoader, OneHugeCommitGroupNeitherSideWaitsForTheOther) {
     // 60,000 single-row statements in one transaction: the answers fill the
     // socket long before the last statement is written.
@@ -195,7 +248,7 @@ TEST_F(DbLoader, UnreadableScriptsBadCommandLinesAndFailedConnectsStopWithStatus
     const std::string missing = box.path("work/no_such.tmp"), row = "INSERT INTO media (id) VALUES ('1');\n";
     const std::string stopped = "oaisql: 0 statements, 0 succeeded, 0 failed, stopped\n";
     const std::string usage =
-        "usage: oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT] [-p POSFILE [-r]] [-q]\n";
+        "usage: oaisql -c FILE [-e] [-b STATEMENTS_PER_COMMIT] [-g ROWS_PER_INSERT] [-p POSFILE [-r]] [-q] [-s]\n";
     const std::string torn = box.path("work/torn.pos"), folder = box.path("work"), ended = box.path("work/e.pos");
     rvtest::write_file(file, row);
     rvtest::write_file(torn, "oaisql-position 1\ncommit 1 700\n");

@@ -24,8 +24,8 @@ using rvtest::pg_query;
 
 constexpr int kRows = 20000;
 // The import is held at this row (in file order) while the test holds the
-// advisory lock kHold.
-constexpr int kHeldAt = 5000;
+// advisory lock kHold: beyond the first COPY run, which has committed by then.
+constexpr int kHeldAt = 15000;
 constexpr const char* kHold = "4242";
 
 // A session of the test that holds a lock until it goes.
@@ -159,7 +159,7 @@ TEST_F(DbRecovery, EveryFaultLeavesARunThatResumesToEveryRowOnce) {
         rvtest::Background run({rvtest::bin("rv_db_update"), "update", "1.6.3.20", "1.6.4.71"}, fault.env);
         if (fault.at != Fault::At::start) {
             ASSERT_TRUE(fault.at == Fault::At::dump ? waiting("%select distinct * from t", "relation")
-                                                    : waiting("%INSERT%", "advisory"));
+                                                    : waiting("%COPY t (id,label) FROM STDIN", "advisory"));
             fault.strike(run.pid());
         }
         const auto r = run.wait();

@@ -2,6 +2,7 @@
 // that may join a batch, directives, and server messages on one line.
 #include <gtest/gtest.h>
 
+#include "loader/copy_path.hpp"
 #include "loader/insert_shapes.hpp"
 #include "loader/script.hpp"
 #include "loader/statement.hpp"
@@ -153,6 +154,32 @@ TEST(LoaderStatement, StatementsAreCountedUpToAnyLine) {
         EXPECT_EQ(count->statements_through(line), statements) << "line " << line;
     }
     EXPECT_FALSE(rv::count_statements(box.path("missing.sql")));
+}
+
+}  // namespace
+
+namespace {
+
+// The row a failed COPY names: only its own context line counts, functions
+// it called come first; anything else names none.
+TEST(LoaderCopy, FailingRowsAndCopyText) {
+    const std::pair<const char*, std::optional<std::size_t>> contexts[] = {
+        {"COPY media, line 1001", 1001},
+        {"COPY media, line 7, column id: \"x\"", 7},
+        {"PL/pgSQL function noted() line 3 at RAISE\nCOPY cp2, line 12: \"12\tfoo\"", 12},
+        {"COPY rv.media, Zeile 5", 5},  // another language of the server's messages
+        {"PL/pgSQL function f() line 3 at RAISE", std::nullopt},
+        {"COPY media", std::nullopt},
+        {"COPY media, line 0", std::nullopt},
+        {"", std::nullopt},
+    };
+    for (const auto& [context, row] : contexts) EXPECT_EQ(rv::copy_failure_row(context), row) << context;
+
+    rv::Statement row;
+    row.values = {"a\\b", std::nullopt, "\\N", "t\tab", "two\nlines\r", "", "it's"};
+    std::string data = "before\n";
+    rv::append_copy_row(row, data);
+    EXPECT_EQ(data, "before\na\\\\b\t\\N\t\\\\N\tt\\tab\ttwo\\nlines\\r\t\tit's\n");
 }
 
 }  // namespace

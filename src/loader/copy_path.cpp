@@ -1,0 +1,453 @@
+// The COPY path: which runs take it, the attempts under a savepoint, the
+// search for the failing rows, and the commit of a run.
+#include "loader/copy_path.hpp"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "loader/insert_shapes.hpp"
+#include "loader/outcome.hpp"
+#include "loader/position.hpp"
+#include "loader/session.hpp"
+
+namespace rv {
+
+namespace {
+
+// COPY text handed to libpq at once.
+constexpr std::size_t kCopyChunk = 64 * 1024;
+
+constexpr const char* kSavepoint = "SAVEPOINT oaisql_copy; ";
+constexpr const char* kRelease = "RELEASE SAVEPOINT oaisql_copy; ";
+constexpr const char* kRollback =
+    "ROLLBACK TO SAVEPOINT oaisql_copy; RELEASE SAVEPOINT oaisql_copy; ";
+
+// Whether COPY may take the table of `head` ("<table> (<col>,...)"): a
+// plain or partitioned table, no rule on INSERT, no statement trigger on
+// INSERT, no row security, no identity column that refuses a value, nothing
+// deferrable in it or its partitions.
+std::string copy_question(const std::string& head) {
+    const std::string table = head.substr(0, head.find(' '));
+    return "SELECT c.relkind IN ('r', 'p') AND NOT c.relrowsecurity"
+           " AND NOT EXISTS (SELECT FROM pg_rewrite r WHERE r.ev_class = c.oid AND r.ev_type = '3')"
+           " AND NOT EXISTS (SELECT FROM pg_trigger t WHERE t.tgrelid = c.oid AND t.tgtype & 5 = 4)"
+           " AND NOT EXISTS (SELECT FROM pg_attribute a"
+           "   WHERE a.attrelid = c.oid AND a.attidentity = 'a' AND NOT a.attisdropped)"
+           " AND NOT EXISTS (SELECT FROM pg_partition_tree(c.oid) p"
+           "   WHERE EXISTS (SELECT FROM pg_constraint k WHERE k.conrelid = p.relid AND k.condeferrable)"
+           "   OR EXISTS (SELECT FROM pg_trigger t WHERE t.tgrelid = p.relid AND t.tgdeferrable))"
+           " FROM pg_class c WHERE c.oid = to_regclass('" + table + "')";
+}
+
+// Client encodings whose characters may hold the byte of a backslash,
+// which the COPY text of a value would then have to escape inside them.
+bool embeds_backslash(const char* encoding) {
+    constexpr std::array<std::string_view, 6> kEncodings{"SJIS", "BIG5", "GBK",
+                                                         "UHC",  "GB18030", "JOHAB"};
+    return std::find(kEncodings.begin(), kEncodings.end(), encoding) != kEncodings.end();
+}
+
+// Whether the values of `statement` go into COPY text as their bytes: no
+// NUL byte, and no backslash unless the server reads them as they stand.
+bool fits_copy(const Statement& statement, bool scs_on) {
+    if (statement.kind != ScriptLineKind::Insert) {
+        return false;
+    }
+    return std::none_of(statement.values.begin(), statement.values.end(),
+                        [scs_on](const std::optional<std::string>& value) {
+                            return value && (value->find('\0') != std::string::npos ||
+                                             (!scs_on && value->find('\\') != std::string::npos));
+                        });
+}
+
+bool is_failure(ExecStatusType status) {
+    return status == PGRES_FATAL_ERROR || status == PGRES_NONFATAL_ERROR ||
+           status == PGRES_BAD_RESPONSE;
+}
+
+// Hands the rest of `data` to the COPY open on `session` and ends it.
+void end_data(Session& session, std::string& data) {
+    PGconn* conn = session.get();
+    int ended = 0;
+    while (!data.empty() &&
+           (ended = PQputCopyData(conn, data.data(), static_cast<int>(data.size()))) == 0) {
+        session.flush_all();
+    }
+    data.clear();
+    while ((ended = PQputCopyEnd(conn, nullptr)) == 0) {
+        session.flush_all();
+    }
+    if (ended < 0 && PQstatus(conn) == CONNECTION_BAD) {
+        session.lost();
+    }
+    session.flush_all();
+}
+
+}  // namespace
+
+std::optional<std::size_t> copy_failure_row(std::string_view context) {
+    // The COPY's own line is the last of the context; functions it called
+    // come before it.
+    std::size_t at = 0;
+    for (std::size_t start = 0; start < context.size();) {
+        const std::size_t end = std::min(context.find('\n', start), context.size());
+        if (context.substr(start, 5) == "COPY ") {
+            at = start;
+        }
+        start = end + 1;
+    }
+    if (context.substr(at, 5) != "COPY ") {
+        return std::nullopt;
+    }
+    const std::string_view line = context.substr(at, context.find('\n', at) - at);
+    const std::size_t comma = line.find(',');  // a table name of the script holds none
+    const std::size_t digit = line.find_first_of("0123456789", comma);
+    if (comma == std::string_view::npos || digit == std::string_view::npos) {
+        return std::nullopt;
+    }
+    std::size_t row = 0;
+    const auto [end, ec] = std::from_chars(line.data() + digit, line.data() + line.size(), row);
+    if (ec != std::errc() || row == 0) {
+        return std::nullopt;
+    }
+    return row;
+}
+
+void append_copy_row(const Statement& statement, std::string& data) {
+    bool first = true;
+    for (const std::optional<std::string>& value : statement.values) {
+        if (!first) {
+            data += '\t';
+        }
+        first = false;
+        if (!value) {
+            data += "\\N";
+            continue;
+        }
+        std::size_t from = 0;
+        for (std::size_t i = value->find_first_of("\\\t\n\r"); i != std::string::npos;
+             i = value->find_first_of("\\\t\n\r", i + 1)) {
+            data.append(*value, from, i - from);
+            const char c = (*value)[i];
+            data += '\\';
+            data += c == '\t' ? 't' : c == '\n' ? 'n' : c == '\r' ? 'r' : '\\';
+            from = i + 1;
+        }
+        data.append(*value, from, std::string::npos);
+    }
+    data += '\n';
+}
+
+std::size_t CopyPath::run_end(const std::vector<Statement>& batch, std::size_t i) {
+    const Statement& first = batch[i];
+    if (!fits_copy(first, session_.scs_on()) || !table_takes_copy(first.prepared)) {
+        return i;
+    }
+    std::size_t end = i + 1;
+    while (end < batch.size() && batch[end].kind == ScriptLineKind::Insert &&
+           batch[end].prepared == first.prepared && fits_copy(batch[end], session_.scs_on())) {
+        ++end;
+    }
+    return end;
+}
+
+bool CopyPath::table_takes_copy(int index) {
+    PreparedInsert& shape = shapes_[index];
+    if (shape.copy < 0) {
+        shape.copy = 0;
+        if (!embeds_backslash(pg_encoding_to_char(PQclientEncoding(session_.get())))) {
+            const Result answer = session_.query(copy_question(shape.head));
+            shape.copy = PQntuples(answer.get()) == 1 &&
+                         std::string_view(PQgetvalue(answer.get(), 0, 0)) == "t";
+        }
+    }
+    return shape.copy == 1;
+}
+
+bool CopyPath::continues(const Statement& statement) const {
+    return open() && statement.prepared == run_.front().prepared && !full();
+}
+
+void CopyPath::add(std::vector<Statement>& batch, std::size_t lo, std::size_t hi) {
+    if (!open()) {
+        if (PQexitPipelineMode(session_.get()) != 1) {
+            session_.lost();
+        }
+        run_.reserve(kCopyRows);
+    }
+    for (std::size_t i = lo; i < hi; ++i) {
+        run_bytes_ += batch[i].text.size();
+        run_.push_back(std::move(batch[i]));
+    }
+    pump();
+}
+
+std::size_t CopyPath::finish(bool durable) {
+    pump();
+    while (attempt_open_) {
+        close_attempt();
+        pump();
+    }
+    commit(durable);
+    const std::size_t line = run_.back().line;
+    run_.clear();
+    run_bytes_ = 0;
+    begun_ = refused_ = false;
+    savepoint_ = Savepoint::None;
+    from_ = next_ = failed_ = 0;
+    xid_ = 0;
+    return line;
+}
+
+bool CopyPath::open_copy() {
+    PGconn* conn = session_.get();
+    int before = 0;  // commands before the COPY
+    std::string commands = leave_savepoint(before);
+    if (!begun_) {
+        commands = position_ != nullptr ? "BEGIN; SELECT txid_current(); " : "BEGIN; ";
+        before = position_ != nullptr ? 2 : 1;
+    }
+    commands += kSavepoint;
+    commands += "COPY " + shapes_[run_.front().prepared].head + " FROM STDIN";
+    ++before;
+    begun_ = true;
+    if (PQsendQuery(conn, commands.c_str()) == 0) {
+        session_.lost();
+    }
+    flush();
+    for (int seen = 0;; ++seen) {
+        const Result result(PQgetResult(conn));
+        const ExecStatusType status = result ? PQresultStatus(result.get()) : PGRES_FATAL_ERROR;
+        if (!result || PQstatus(conn) == CONNECTION_BAD) {
+            session_.lost();
+        }
+        if (status == PGRES_COPY_IN && seen == before) {
+            return true;
+        }
+        if (is_failure(status) && seen == before) {
+            while (Result(PQgetResult(conn))) {
+            }
+            savepoint_ = Savepoint::Failed;  // the COPY itself is refused: its rows go as statements
+            shapes_[run_.front().prepared].copy = 0;
+            return false;
+        }
+        if (is_failure(status)) {
+            throw Stop("database " + session_.database() +
+                       " refused a statement of the loader: " + error_text(result.get()));
+        }
+        if (status == PGRES_TUPLES_OK && PQntuples(result.get()) == 1) {
+            xid_ = std::strtoull(PQgetvalue(result.get(), 0, 0), nullptr, 10);
+        }
+    }
+}
+
+bool CopyPath::put() {
+    PGconn* conn = session_.get();
+    int queued = 0;
+    while ((queued = PQputCopyData(conn, data_.data(), static_cast<int>(data_.size()))) == 0) {
+        flush();
+    }
+    data_.clear();
+    return queued < 0 || flush();
+}
+
+bool CopyPath::send_rows(std::size_t& i, std::size_t end) {
+    while (i < end) {
+        append_copy_row(run_[i++], data_);
+        if (data_.size() >= kCopyChunk && put()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void CopyPath::pump() {
+    while (next_ < run_.size()) {
+        if (refused_) {
+            insert_alone(run_[next_++]);
+            continue;
+        }
+        if (!attempt_open_) {
+            from_ = next_;
+            attempt_open_ = open_copy();
+            refused_ = !attempt_open_;
+            continue;
+        }
+        const std::size_t end = std::min(run_.size(), from_ + window_);
+        if (send_rows(next_, end) || next_ == from_ + window_) {
+            close_attempt();
+        }
+    }
+}
+
+void CopyPath::close_attempt() {
+    end_data(session_, data_);
+    attempt_open_ = false;
+    const Attempt done = end_copy(from_, next_);
+    next_ = recover(from_, done, true);
+}
+
+CopyPath::Attempt CopyPath::end_copy(std::size_t lo, std::size_t sent) {
+    PGconn* conn = session_.get();
+    const Result result(PQgetResult(conn));
+    if (!result || Result(PQgetResult(conn))) {
+        session_.lost();
+    }
+    const ExecStatusType status = PQresultStatus(result.get());
+    if (status == PGRES_COMMAND_OK) {
+        savepoint_ = Savepoint::Loaded;
+        window_ = std::min(kCopyRows, window_ * 2);
+        return Attempt{sent, false};
+    }
+    if (!is_failure(status) || PQstatus(conn) == CONNECTION_BAD) {
+        session_.lost();
+    }
+    Attempt attempt{sent, true};
+    const char* context = PQresultErrorField(result.get(), PG_DIAG_CONTEXT);
+    if (const auto row = copy_failure_row(context != nullptr ? context : "");
+        row && lo + *row <= sent) {
+        attempt.row = lo + *row - 1;
+    }
+    savepoint_ = Savepoint::Failed;
+    // Where failures come often, shorter attempts send less again.
+    window_ = std::max(kCopyMinRows, window_ / 4);
+    return attempt;
+}
+
+std::size_t CopyPath::recover(std::size_t lo, const Attempt& done, bool trust_row) {
+    if (!done.failed) {
+        return done.sent;
+    }
+    if (done.row && trust_row) {
+        // The server loaded the rows before it: they go again, and are not
+        // believed to name their failing row once more.
+        load(lo, *done.row, false);
+        insert_alone(run_[*done.row]);
+        return *done.row + 1;
+    }
+    const std::size_t mid = lo + (done.sent - lo) / 2;
+    load(lo, mid, true);
+    load(mid, done.sent, true);
+    return done.sent;
+}
+
+void CopyPath::load(std::size_t lo, std::size_t hi, bool trust_row) {
+    while (lo < hi) {
+        if (hi - lo == 1 || refused_) {
+            insert_alone(run_[lo++]);
+            continue;
+        }
+        if (!open_copy()) {
+            refused_ = true;
+            continue;
+        }
+        std::size_t sent = lo;
+        send_rows(sent, std::min(hi, lo + window_));
+        end_data(session_, data_);
+        lo = recover(lo, end_copy(lo, sent), trust_row);
+        trust_row = true;
+    }
+}
+
+std::string CopyPath::leave_savepoint(int& count) {
+    const Savepoint left = std::exchange(savepoint_, Savepoint::None);
+    count = left == Savepoint::Loaded ? 1 : left == Savepoint::Failed ? 2 : 0;
+    return left == Savepoint::Loaded ? kRelease : left == Savepoint::Failed ? kRollback : "";
+}
+
+void CopyPath::insert_alone(const Statement& statement) {
+    int count = 0;
+    std::string commands = leave_savepoint(count);
+    commands += kSavepoint;
+    commands += statement.text;
+    count += 2;
+    savepoint_ = Savepoint::Loaded;
+    if (const std::optional<std::string> error = run(commands, count)) {
+        savepoint_ = Savepoint::Failed;
+        outcome_.report(statement, *error);
+        ++failed_;
+    }
+}
+
+std::optional<std::string> CopyPath::run(const std::string& commands, int may_fail) {
+    PGconn* conn = session_.get();
+    if (PQsendQuery(conn, commands.c_str()) == 0) {
+        session_.lost();
+    }
+    flush();
+    std::optional<std::string> error;
+    for (int seen = 1; const Result result{PQgetResult(conn)}; ++seen) {
+        if (!is_failure(PQresultStatus(result.get()))) {
+            continue;
+        }
+        if (PQstatus(conn) == CONNECTION_BAD) {
+            session_.lost();
+        }
+        if (seen != may_fail) {
+            throw Stop("database " + session_.database() +
+                       " refused a statement of the loader: " + error_text(result.get()));
+        }
+        error = error_text(result.get());
+    }
+    return error;
+}
+
+bool CopyPath::flush() {
+    PGconn* conn = session_.get();
+    bool spoke = false;
+    for (;;) {
+        const int pending = PQflush(conn);
+        if (pending < 0) {
+            session_.lost();
+        }
+        if (pending == 0) {
+            break;
+        }
+        pollfd fd{PQsocket(conn), POLLIN | POLLOUT, 0};
+        if (::poll(&fd, 1, -1) < 0 && errno != EINTR) {
+            session_.lost();
+        }
+        if ((fd.revents & POLLIN) != 0) {
+            spoke = true;
+            if (PQconsumeInput(conn) == 0) {
+                session_.lost();
+            }
+        }
+    }
+    pollfd fd{PQsocket(conn), POLLIN, 0};
+    return spoke || (::poll(&fd, 1, 0) > 0 && (fd.revents & POLLIN) != 0);
+}
+
+void CopyPath::commit(bool durable) {
+    const std::size_t line = run_.back().line;
+    if (position_ != nullptr) {
+        if (xid_ == 0) {
+            throw Stop("no transaction id from database " + session_.database());
+        }
+        position_->commit(line, xid_);
+    }
+    int count = 0;
+    std::string commands = leave_savepoint(count);
+    commands += durable ? "SET LOCAL synchronous_commit = on; COMMIT" : "COMMIT";
+    count += durable ? 2 : 1;
+    if (const std::optional<std::string> error = run(commands, count)) {
+        throw Stop("cannot commit the rows up to line " + std::to_string(line) +
+                   " in database " + session_.database() + ": " + *error);
+    }
+    if (PQenterPipelineMode(session_.get()) != 1) {
+        session_.lost();
+    }
+    outcome_.add_succeeded(run_.size() - failed_);
+    if (durable) {
+        outcome_.acknowledge(line);
+    }
+}
+
+}  // namespace rv

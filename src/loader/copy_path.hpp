@@ -1,0 +1,174 @@
+// Runs of INSERT lines of one shape loaded through COPY: one transaction a
+// run, its rows sent as COPY text data in attempts, each under a savepoint.
+// When an attempt fails, the rows before the failing one are sent again, the
+// failing row runs as its own INSERT statement (so that its Error line holds
+// the statement's message, not COPY's) and the attempt after it starts
+// anew; when the server does not say which row failed, the attempt is split
+// in halves. Every row that succeeds on its own is committed exactly once,
+// in file order, as on the statement path.
+//
+// Only tables where COPY does what the INSERT statements would do take this
+// path: plain and partitioned tables without rules on INSERT, statement
+// triggers on INSERT, row security, identity columns that refuse values, or
+// deferrable constraints and triggers (a deferred failure would fail the
+// commit of a whole run). Rows whose values the server would read otherwise
+// than their bytes (backslashes where backslashes escape in quotes), values
+// holding a NUL byte and client encodings whose characters may hold a
+// backslash byte take the statement path as well.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "loader/script.hpp"
+
+namespace rv {
+
+class InsertShapes;
+class Outcome;
+class PositionFile;
+class Session;
+
+// The fewest rows worth a COPY: a shorter run goes as statements.
+inline constexpr std::size_t kCopyMinRows = 16;
+// Rows of a run read and loaded together through COPY, at most.
+inline constexpr std::size_t kCopyRows = 10000;
+
+// The row (1 on) that a failed COPY names in its context `context` ("COPY
+// <table>, line <n>..."), nullopt when it names none.
+std::optional<std::size_t> copy_failure_row(std::string_view context);
+
+// Appends the values of `statement` to `data` as one line of COPY text:
+// tab-separated, \N for NULL, backslash, tab, line feed and carriage return
+// escaped.
+void append_copy_row(const Statement& statement, std::string& data);
+
+class CopyPath {
+  public:
+    // Loads through `session` (open; its pipeline idle whenever no run is
+    // open), the shapes of `shapes`, counting into `outcome` and recording
+    // each commit in `position` (when not null).
+    CopyPath(Session& session, InsertShapes& shapes, Outcome& outcome, PositionFile* position)
+        : session_(session), shapes_(shapes), outcome_(outcome), position_(position) {}
+
+    // The end of the run of statements of `batch` from `i` that COPY may
+    // load together (one shape, every row fit for COPY); `i` when there is
+    // none. Asks the server about a table once a connection, which must
+    // not happen while a run is open. Throws Stop.
+    std::size_t run_end(const std::vector<Statement>& batch, std::size_t i);
+
+    // Whether a run is open: begun by add(), not finished yet.
+    bool open() const { return !run_.empty(); }
+
+    // Whether `statement` may join the open run: its shape, and room left.
+    bool continues(const Statement& statement) const;
+
+    // The run holds as many rows, or as much text, as it may.
+    bool full() const { return run_.size() >= kCopyRows || run_bytes_ >= kUnitBytes; }
+
+    // The script line of the open run's first statement.
+    std::size_t first_line() const { return run_.front().line; }
+
+    // Moves statements [lo, hi) of `batch` (as run_end found them, of the
+    // open run's shape when one is open) into the run, beginning one when
+    // none is open, and sends them. Throws Stop when the connection is lost.
+    void add(std::vector<Statement>& batch, std::size_t lo, std::size_t hi);
+
+    // Loads what is left of the open run, reports its failing rows and
+    // commits it, waiting for the disk when `durable`; returns the script
+    // line of its last statement. Throws Stop when the connection is lost,
+    // the commit fails or the position file cannot be written.
+    std::size_t finish(bool durable);
+
+  private:
+    // What became of an attempt at rows [lo, sent) of the run: failed (at
+    // `row`, when the server said which), or loaded. A failure with nothing
+    // sent: the server refused the COPY itself.
+    struct Attempt {
+        std::size_t sent = 0;
+        bool failed = false;
+        std::optional<std::size_t> row = std::nullopt;
+    };
+
+    // What the last attempt or statement left to do with its savepoint,
+    // sent in front of the next command.
+    enum class Savepoint { None, Loaded, Failed };
+
+    // The commands that release the savepoint left by the last attempt
+    // (rolled back to it first when that failed); their count in `count`.
+    std::string leave_savepoint(int& count);
+
+    // Whether COPY may load the rows of shape `index` (asked once a
+    // connection).
+    bool table_takes_copy(int index);
+
+    // Opens an attempt of the run (the transaction too, at its first) and
+    // waits for the server to take data; false when it refused the COPY.
+    bool open_copy();
+
+    // Hands the COPY text to libpq; true when the server spoke meanwhile.
+    bool put();
+
+    // Appends rows [i, end) of the run to the COPY text, handing it on in
+    // chunks; stops early, with true, when the server speaks.
+    bool send_rows(std::size_t& i, std::size_t end);
+
+    // Sends the rows of the run not sent yet, in attempts of at most
+    // window_ rows; an attempt stays open for rows to come.
+    void pump();
+
+    // Ends the data of the open attempt at rows [from_, next_), reads its
+    // outcome and loads what it did not.
+    void close_attempt();
+
+    // Reads the outcome of the attempt that sent rows [lo, sent); rolls the
+    // savepoint back when it failed.
+    Attempt end_copy(std::size_t lo, std::size_t sent);
+
+    // After attempt `done` at rows from `lo`: loads those it did not (the
+    // failing row it names believed when `trust_row`); returns where the
+    // run goes on.
+    std::size_t recover(std::size_t lo, const Attempt& done, bool trust_row);
+
+    // Loads rows [lo, hi) of the run in attempts of their own (one row: a
+    // statement).
+    void load(std::size_t lo, std::size_t hi, bool trust_row);
+
+    // Runs `statement` by itself as an INSERT under the savepoint; reports
+    // it when it fails.
+    void insert_alone(const Statement& statement);
+
+    // Runs `commands`: the message of the failure of its `may_fail`th
+    // result (1 on), if that one failed; throws Stop on any other failure.
+    std::optional<std::string> run(const std::string& commands, int may_fail = 0);
+
+    // Sends what libpq holds; true when the server sent something
+    // meanwhile (in a COPY: it failed, or gave notice).
+    bool flush();
+
+    // Records and commits the run, `durable` waiting for the disk.
+    void commit(bool durable);
+
+    Session& session_;
+    InsertShapes& shapes_;
+    Outcome& outcome_;
+    PositionFile* position_;
+    std::vector<Statement> run_;      // the open run
+    std::size_t run_bytes_ = 0;       // its statement text
+    bool begun_ = false;              // its transaction is open
+    bool refused_ = false;            // the server refused its COPY: rows go as statements
+    bool attempt_open_ = false;       // an attempt at rows [from_, next_) takes data
+    std::size_t from_ = 0;
+    std::size_t next_ = 0;            // the first row of the run not sent or loaded yet
+    std::size_t window_ = kCopyRows;  // rows an attempt sends: shrinks after failures
+    std::size_t failed_ = 0;          // rows of the run that failed
+    std::uint64_t xid_ = 0;           // the run's transaction
+    Savepoint savepoint_ = Savepoint::None;  // what the last attempt left
+    std::string data_;                // COPY text not handed to libpq yet
+};
+
+}  // namespace rv
