@@ -331,7 +331,7 @@ int read_resume(const LoaderOptions& options, std::FILE* out, std::FILE* err,
 }  // namespace
 
 int run_loader(const LoaderOptions& options, std::FILE* out, std::FILE* err) {
-    FilePtr script(std::fopen(options.file.c_str(), "r"));
+    FilePtr script = open_sequential(options.file);
     if (!script) {
         const int cause = errno;
         std::fprintf(err, "oaisql: cannot read %s: %s\n", options.file.c_str(),

@@ -116,7 +116,7 @@ std::size_t ScriptCount::statements_through(std::size_t line) const {
 }
 
 std::optional<ScriptCount> count_statements(const std::string& file) {
-    FilePtr in(std::fopen(file.c_str(), "r"));
+    FilePtr in = open_sequential(file);
     if (!in) {
         return std::nullopt;
     }

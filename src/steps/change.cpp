@@ -328,7 +328,7 @@ void db_change(std::string_view cpTable, bool rerun) {
     WRITE_TRACE(2, "<iRead_columns_and_values> szTable: %s", table.c_str());
     WRITE_TRACE(2, "<iRead_columns_and_values> try to open file: %s", file.c_str());
     // A missing image (an empty table was dumped) gives a script that loads nothing.
-    FilePtr in(std::fopen(file.c_str(), "r"));
+    FilePtr in = open_sequential(file);
     if (!in) {
         std::printf("can not open file %s: return false\n", file.c_str());
         WRITE_TRACE(1, "can not open file %s: return false", file.c_str());

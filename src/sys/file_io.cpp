@@ -31,6 +31,17 @@ bool read_line(std::FILE* fp, std::string& line, LineFeed lf) {
     return true;
 }
 
+FilePtr open_sequential(const std::string& path) {
+    FilePtr fp(std::fopen(path.c_str(), "r"));
+    if (fp) {
+        auto buffer = std::make_unique<char[]>(kSequentialBuffer);
+        if (std::setvbuf(fp.get(), buffer.get(), _IOFBF, kSequentialBuffer) == 0) {
+            fp.get_deleter().buffer = std::move(buffer);
+        }
+    }
+    return fp;
+}
+
 bool read_piece(std::FILE* fp, std::string& piece, std::size_t max) {
     piece.clear();
     int c = 0;

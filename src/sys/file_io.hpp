@@ -12,8 +12,16 @@ namespace rv {
 
 struct FileCloser {
     void operator()(std::FILE* fp) const { std::fclose(fp); }
+    std::unique_ptr<char[]> buffer = nullptr;  // the stream's own, when it has one
 };
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// Bytes a stream read from start to end buffers at a time.
+inline constexpr std::size_t kSequentialBuffer = 1024 * 1024;
+
+// Opens `path` for reading from start to end, with a buffer of
+// kSequentialBuffer bytes; null when it cannot be opened (errno tells why).
+FilePtr open_sequential(const std::string& path);
 
 // How read_line treats the line feed.
 enum class LineFeed { drop, keep };

@@ -4,7 +4,9 @@
 // leaving an image; sql steps that fail or are cut short by SIGQUIT.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <sstream>
 #include <regex>
 
 #include "support/pgcluster.hpp"
@@ -107,6 +109,23 @@ TEST_F(DbSteps, DumpChangeImportCarriesEveryRowOnce) {
     const std::string exported = rvtest::read_file(work + "db_media.tmp");
     EXPECT_NE(exported.find("'O''Brien weekly'"), std::string::npos) << exported;
     EXPECT_TRUE(exported.ends_with("\n-- 4 rows found \n")) << exported;
+}
+
+// A keyed table's image lists its rows in key order, however they were inserted (the dump has the server sort
+// to find distinct rows), and the operator's own server options still reach the client.
+TEST_F(DbSteps, TheImageOfAKeyedTableComesInKeyOrder) {
+    pg_query("ravik_db", "create schema other; create table other.keyed (id int primary key, label text);"
+                         "insert into other.keyed select g * 7919 % 3001, 'r' from generate_series(1, 3000) g;"
+                         "analyze other.keyed");
+    rvtest::Env env = rvtest::kToolEnv;
+    env["PGOPTIONS"] = "-c search_path=other";  // the only way to the table
+    const auto r = rvtest::run(script("last_step_nr=1\nstep_1=dump ravik_db keyed\n"), env);
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    std::vector<int> ids;
+    std::istringstream image(rvtest::read_file(work + "db_keyed.tmp"));
+    for (std::string line; std::getline(image, line);) ids.push_back(std::stoi(line.substr(4)));
+    EXPECT_EQ(ids.size(), 3000u);
+    EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
 }
 
 // A table whose values the server cannot compare (json, point) is dumped without distinct, said on the console,
