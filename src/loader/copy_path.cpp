@@ -132,10 +132,12 @@ void append_copy_row(const Statement& statement, std::string& data) {
             continue;
         }
         std::size_t from = 0;
-        for (std::size_t i = value->find_first_of("\\\t\n\r"); i != std::string::npos;
-             i = value->find_first_of("\\\t\n\r", i + 1)) {
-            data.append(*value, from, i - from);
+        for (std::size_t i = 0; i < value->size(); ++i) {
             const char c = (*value)[i];
+            if (c != '\\' && c != '\t' && c != '\n' && c != '\r') {
+                continue;
+            }
+            data.append(*value, from, i - from);
             data += '\\';
             data += c == '\t' ? 't' : c == '\n' ? 'n' : c == '\r' ? 'r' : '\\';
             from = i + 1;

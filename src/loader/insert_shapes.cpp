@@ -9,9 +9,10 @@ namespace rv {
 
 namespace {
 
-// "<table> (<col>,...)": names a shape and heads its statements.
-std::string shape_key(const InsertForm& form) {
-    std::string key(form.table);
+// "<table> (<col>,...)", which names a shape and heads its statements,
+// into `key`.
+void shape_key(const InsertForm& form, std::string& key) {
+    key.assign(form.table);
     key += " (";
     for (std::size_t i = 0; i < form.columns.size(); ++i) {
         if (i > 0) {
@@ -20,7 +21,6 @@ std::string shape_key(const InsertForm& form) {
         key += form.columns[i];
     }
     key += ')';
-    return key;
 }
 
 // "<head> VALUES ($1,...),(...)" for `rows` rows of `columns` parameters.
@@ -42,20 +42,23 @@ PreparedInsert make_prepared(const std::string& head, int columns, std::size_t r
 }  // namespace
 
 int InsertShapes::index_of(const InsertForm& form) {
-    std::string key = shape_key(form);
-    if (const auto found = by_key_.find(key); found != by_key_.end()) {
-        return found->second;
+    shape_key(form, key_);
+    if (last_ >= 0 && key_ == prepared_[static_cast<std::size_t>(last_)].head) {
+        return last_;  // the shape of the statement before, as a rule
+    }
+    if (const auto found = by_key_.find(key_); found != by_key_.end()) {
+        return last_ = found->second;
     }
     const int columns = static_cast<int>(form.columns.size());
-    prepared_.push_back(make_prepared("INSERT INTO " + key, columns, 1));
+    prepared_.push_back(make_prepared("INSERT INTO " + key_, columns, 1));
     const int index = static_cast<int>(prepared_.size() - 1);
-    prepared_.back().head = key;
+    prepared_.back().head = key_;
     if (const std::size_t rows = group_rows(columns); rows > 1) {
-        prepared_.push_back(make_prepared("INSERT INTO " + key, columns, rows));
+        prepared_.push_back(make_prepared("INSERT INTO " + key_, columns, rows));
         (*this)[index].group = index + 1;
     }
-    by_key_.emplace(std::move(key), index);
-    return index;
+    by_key_.emplace(key_, index);
+    return last_ = index;
 }
 
 std::size_t InsertShapes::group_rows(int columns) const {

@@ -61,6 +61,8 @@ class InsertShapes {
     std::vector<PreparedInsert> prepared_;
     std::unordered_map<std::string, int> by_key_;
     std::size_t generation_ = 0;
+    std::string key_;  // the key of the shape asked for last, its buffer
+    int last_ = -1;    // the index of the shape found last
 };
 
 }  // namespace rv

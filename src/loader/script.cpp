@@ -51,8 +51,10 @@ std::optional<Statement> UnitReader::read_statement() {
         }
         Statement statement;
         statement.line = number;
-        Quoting quoting = parsed.kind == ScriptLineKind::Connect ? Quoting::None
-                                                                 : quoting_after(line, Quoting::None);
+        // An INSERT of the fixed form closed every literal it holds.
+        Quoting quoting = parsed.kind == ScriptLineKind::Connect || parsed.kind == ScriptLineKind::Insert
+                              ? Quoting::None
+                              : quoting_after(line, Quoting::None);
         if (quoting != Quoting::None) {
             if (!join_lines(line, quoting)) {
                 return std::nullopt;

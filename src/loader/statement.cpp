@@ -151,6 +151,7 @@ bool take_values(Scanner& scan, InsertForm& form) {
     if (!scan.take('(')) {
         return false;
     }
+    form.values.reserve(form.columns.size());
     do {
         scan.blanks();
         if (scan.peek() == '\'') {
