@@ -3,6 +3,9 @@
 // one output line containing "Error" (and no other line does), every
 // statement that succeeds on its own is committed exactly once, and a
 // summary line closes the output. Exit status: 0, 1 (failures) or 2.
+// Runs of INSERT lines of one shape go through COPY where the table lets
+// COPY do what the statements would (copy_path.hpp); -s keeps them on the
+// statement path.
 // With a position file (-p) it records how far it got, and continues an
 // interrupted run from there (-r): see position.hpp. While it runs, a
 // progress line on standard error shows the statements done of those of
