@@ -220,7 +220,7 @@ void follow_load(ProgressLine& progress, const std::string& image, const std::st
         follow();
         progress.rebase();  // the rate counts this load's statements only
     } else {
-        progress.set_done(0);  // shown at once: a load may end before the first tick
+        progress.show_start();  // a load may end before the first tick
     }
     command.on_tick = follow;
 }

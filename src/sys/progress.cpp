@@ -122,6 +122,14 @@ void ProgressLine::set_done(std::uint64_t done) {
     }
 }
 
+void ProgressLine::show_start() {
+    if (live_) {
+        done_ = 0;
+        draw(now());
+        drawn_at_ -= kProgressRedrawMs;
+    }
+}
+
 void ProgressLine::rebase() {
     if (live_) {
         base_at_ = now();

@@ -69,6 +69,10 @@ class ProgressLine {
     // when due.
     void set_done(std::uint64_t done);
 
+    // Shows the line with nothing done yet, so that work that ends before
+    // its first count still shows; the first count is drawn at once.
+    void show_start();
+
     // The rate counts only the rows done from now on (work that went on
     // from an earlier run's position).
     void rebase();

@@ -221,7 +221,8 @@ TEST_F(Steps, ImportProgressFollowsTheLoadersPositionFile) {
     // Continued or not, the position file before the load, the one the loader
     // writes, the ticks while it runs and what the terminal shows.
     const std::tuple<bool, std::string, std::string, int, std::string> cases[] = {
-        {false, "", head + "commit 151 7\n", 1, "\rimport media: 150 of 300 rows\x1b[K\r\x1b[K"},
+        {false, "", head + "commit 151 7\n", 1,
+         "\rimport media: 0 of 300 rows\x1b[K\rimport media: 150 of 300 rows\x1b[K\r\x1b[K"},
         {true, "oaisql-position 1\ndurable 201\n", head + "end 301\n", 0,
          "\rimport media: 200 of 300 rows\x1b[K\r\x1b[K"},
     };
