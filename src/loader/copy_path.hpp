@@ -36,7 +36,7 @@ class Session;
 // The fewest rows worth a COPY: a shorter run goes as statements.
 inline constexpr std::size_t kCopyMinRows = 16;
 // Rows of a run read and loaded together through COPY, at most.
-inline constexpr std::size_t kCopyRows = 10000;
+inline constexpr std::size_t kCopyRows = 30000;
 
 // The row (1 on) that a failed COPY names in its context `context` ("COPY
 // <table>, line <n>..."), nullopt when it names none.

@@ -88,6 +88,9 @@ bool classify_answer(const std::string& sqo, std::string& answer) {
 // The client's row count footer: exactly "(N rows)" or "(1 row)". `count`
 // is set only by a footer.
 bool parse_footer(const std::string& line, long& count) {
+    if (line.empty() || line.front() != '(') {
+        return false;  // the scan would fail at the first character, at the cost of a scan
+    }
     char tail[8] = {};
     int used = 0;
     long number = 0;

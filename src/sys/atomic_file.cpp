@@ -66,6 +66,11 @@ AtomicFile::AtomicFile(std::string target)
     fp_ = std::fopen(temp_.c_str(), "w");
     if (fp_ == nullptr) {
         failed("cannot write ", temp_, errno);
+        return;
+    }
+    buffer_ = std::make_unique<char[]>(kAtomicFileBuffer);
+    if (std::setvbuf(fp_, buffer_.get(), _IOFBF, kAtomicFileBuffer) != 0) {
+        buffer_.reset();  // the stream keeps a buffer of its own
     }
 }
 

@@ -3,11 +3,17 @@
 // run that crashed half-way) sees either the old file or the whole new one.
 #pragma once
 
+#include <cstddef>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace rv {
+
+// Bytes the temporary file is written in at a time: table images and INSERT
+// scripts run to hundreds of megabytes.
+inline constexpr std::size_t kAtomicFileBuffer = 64 * 1024;
 
 class AtomicFile {
 public:
@@ -40,6 +46,7 @@ private:
     std::string target_;
     std::string temp_;
     std::FILE* fp_ = nullptr;
+    std::unique_ptr<char[]> buffer_;  // the stream's
     bool committed_ = false;
     std::string why_;
 
