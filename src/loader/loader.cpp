@@ -223,6 +223,15 @@ std::size_t Loader::part_end(const std::vector<Statement>& batch, std::size_t lo
     if (options_.statements_only) {
         return batch.size();
     }
+    if (copy_.open()) {
+        // batch[lo] continues the run (the caller ends it otherwise), however
+        // few rows follow it; no table is asked about while a run is open.
+        if (const std::size_t end = copy_.run_end(batch, lo); end > lo) {
+            copy = true;
+            return end;
+        }
+        end_copy_run(false);
+    }
     std::size_t i = lo;
     while (i < batch.size()) {
         const std::size_t end = copy_.run_end(batch, i);

@@ -175,20 +175,26 @@ TEST_F(DbLoader, CopyLoadsWhatTheStatementsWouldAndLeavesTablesItWouldChangeToTh
     const char* values[] = {"'back\\slash \\n \\N'", "'\\N'", "'tab\there'", "'two\nlines\r\n'", "'it''s'", "''",
                             "NULL", "'\\'"};
     std::string script, errors;
+    const auto plain_rows = [&script](const char* table) {
+        for (int i = 1; i <= 20; ++i)
+            script += "INSERT INTO " + std::string(table) + " (id) VALUES ('" + std::to_string(i) + "');\n";
+    };
+    plain_rows("ru");
     for (int i = 1; i <= 28; ++i) {
         const std::string t = i <= 8 ? values[i - 1] : "'row " + std::to_string(i) + "'";
         script += "INSERT INTO cp (id,t) VALUES ('" + std::to_string(i == 15 ? 3 : i) + "'," + t + ");\n";
     }
-    const int line_15 = 15 + 2;  // two line breaks of row 4 before it
+    plain_rows("st");
+    const int line_15 = 20 + 15 + 2;  // behind the rows of ru and two line breaks of row 4
     errors = "Error in line " + std::to_string(line_15) + ": duplicate key value violates unique constraint "
              "\"cp_pkey\" (Key (id)=(3) already exists.)\n";
-    for (const char* table : {"st", "ru"})
-        for (int i = 1; i <= 20; ++i)
-            script += "INSERT INTO " + std::string(table) + " (id) VALUES ('" + std::to_string(i) + "');\n";
     const auto loaded = [&] { return pg_query("ravik_db", "select id::text, t from cp order by cp.id"); };
     std::optional<PgRows> by_statements;
     // One row an INSERT statement, so that the statement trigger fires for each.
-    for (const Lines& args : {Lines{"-s", "-g", "1"}, Lines{"-g", "1"}, Lines{"-g", "1", "-p", box.path("work/cp.pos")}}) {
+    // -b 20: the run of cp begins in the second unit and goes on in a third
+    // that ends with rows of another table.
+    for (const Lines& args : {Lines{"-s", "-g", "1"}, Lines{"-g", "1"}, Lines{"-g", "1", "-p", box.path("work/cp.pos")},
+                              Lines{"-g", "1", "-b", "20"}}) {
         pg_query("ravik_db", "truncate cp, way, st, fired, ru, also");
         const auto r = load(script, args);
         EXPECT_EQ(outcome(r), std::make_tuple(1, errors + "oaisql: 68 statements, 67 succeeded, 1 failed\n"))
