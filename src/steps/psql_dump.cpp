@@ -1,4 +1,5 @@
 #include "steps/psql_dump.hpp"
+#include "steps/answer_image.hpp"
 #include "log/trace.hpp"
 #include "steps/table_image.hpp"
 
@@ -60,8 +61,6 @@ bool write_statement(const std::string& sqi, const std::string& sql, std::string
     return true;
 }
 
-std::optional<std::uint64_t> footer_of(const std::string& sqo);
-
 // What kind of answer `sqo` holds: true with the rows footer or command tag
 // that was found in `answer`; false with the client's error or the reason in
 // `answer`.
@@ -83,26 +82,6 @@ bool classify_answer(const std::string& sqo, std::string& answer) {
                  ? error
                  : "didn't find expected strings in database answer; please examine file " + sqo;
     return false;
-}
-
-// The client's row count footer: exactly "(N rows)" or "(1 row)". `count`
-// is set only by a footer.
-bool parse_footer(const std::string& line, long& count) {
-    if (line.empty() || line.front() != '(') {
-        return false;  // the scan would fail at the first character, at the cost of a scan
-    }
-    char tail[8] = {};
-    int used = 0;
-    long number = 0;
-    if (std::sscanf(line.c_str(), "(%ld %6[rows])%n", &number, tail, &used) != 2 ||
-        static_cast<std::size_t>(used) != line.size()) {
-        return false;
-    }
-    if (std::string_view(tail) != "rows" && (std::string_view(tail) != "row" || number != 1)) {
-        return false;
-    }
-    count = number;
-    return true;
 }
 
 // Removes the image of `id`: no failed dump may leave one, not even an older
@@ -152,21 +131,22 @@ std::string dump_server_options() {
 
 // Runs the client command line `cmd` with the settings file `settings`
 // instead of the operator's own; when `interruptible`, a quit signal breaks
-// the wait off (the client, with everything it started, is stopped). On a
-// terminal, a progress line counts the rows of the answer `sqo` for `id` as
-// they come.
+// the wait off (the client, with everything it started, is stopped). While
+// it runs, `image` takes what the client has written of its answer `sqo`,
+// and on a terminal a progress line counts the rows of the answer for `id`.
 RunResult run_client(std::string cmd, bool interruptible, const std::string& settings, const std::string& id,
-                     const std::string& sqo) {
+                     const std::string& sqo, AnswerImage& image) {
     ProgressLine progress(STDERR_FILENO, "dump " + id + " (select)");
     LineFeedCount answer(sqo);
     ChildCommand command{cmd, {}, interruptible ? kSigquitText : nullptr, true,
                          {{"PSQLRC", settings}, {"PGOPTIONS", dump_server_options()}}};
-    if (progress.live()) {
-        command.on_tick = [&progress, &answer] {
+    command.on_tick = [&progress, &answer, &image] {
+        image.advance();  // the other core is free while the client waits for the server
+        if (progress.live()) {
             const std::size_t lines = answer.update();  // the statement and the column names first
             progress.set_done(lines > 2 ? lines - 2 : 0);
-        };
-    }
+        }
+    };
     const ChildEnd end = run_reported(command, cmd);
     exit_code_of(end, cmd);  // no child at all ends the run, as for any command
     switch (end.how) {
@@ -211,7 +191,8 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
     if (!settings.ok()) {
         return fail("iPGSQL_DO_SQL: cannot write the client's settings: " + settings.why());
     }
-    switch (run_client(cmd, interruptible, settings.path(), id, sqo)) {
+    AnswerImage image(id, sqo);
+    switch (run_client(cmd, interruptible, settings.path(), id, sqo, image)) {
         case RunResult::interrupted:
             interrupted = true;
             cpMsg = "the statement was broken off by SIGQUIT";
@@ -228,7 +209,8 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
     }
     WRITE_TRACE(1, "answer from database: %s ", answer.c_str());
     cpMsg = answer;
-    const bool ok = iPGSQL_MAKE_DB_GET_FILE(id, sqo, cpMsg);
+    WRITE_TRACE(1, "+++ iPGSQL_MAKE_DB_GET_FILE");
+    const bool ok = image.finish(cpMsg);
     if (ok) {
         std::remove(sqi.c_str());
         std::remove(sqo.c_str());
@@ -292,203 +274,10 @@ bool iSELECT_INTO_TEMP_FILE(std::string_view cpId, std::string_view cpSql, std::
     return ok;
 }
 
-namespace {
-
-// A query answer on its way into a table image.
-struct Answer {
-    const std::string& id;
-    ProgressLine& progress;               // counts the rows written
-    std::vector<std::string> names;       // as the client printed them
-    std::vector<std::string> lowerNames;  // as the image writes them
-    long rows = 0;
-    long footerCount = -1;  // -1 until a row count footer was read
-};
-
-// Reads the column names behind the echoed statement; false when the answer
-// has none.
-bool read_column_names(std::FILE* in, Answer& answer) {
-    std::string line;
-    read_line(in, line);  // the echoed statement
-    if (!read_line(in, line)) {
-        return false;
-    }
-    answer.names = split(line, '|', EmptyFields::keep);
-    for (const auto& name : answer.names) {
-        WRITE_TRACE(3, "column: %s ", name.c_str());
-    }
-    WRITE_TRACE(3, "read the values");
-    answer.lowerNames = answer.names;
-    for (auto& name : answer.lowerNames) {
-        lowercase(name);
-    }
-    return true;
-}
-
-// Why the columns of `answer` do not fit an image; "" when they do. Asked
-// once the answer is known to be a query result.
-std::string column_refusal(const Answer& answer) {
-    const std::string& id = answer.id;
-    if (answer.names.size() > kDumpColumnsMax) {
-        return "iPGSQL_MAKE_DB_GET_FILE: " + id + " has " + std::to_string(answer.names.size()) +
-               " columns, a table image holds at most " + std::to_string(kDumpColumnsMax);
-    }
-    for (const auto& name : answer.names) {
-        // The image's reader takes the name up to the first '='.
-        if (name.empty() || name.find('=') != std::string::npos) {
-            return "iPGSQL_MAKE_DB_GET_FILE: column name \"" + name + "\" of " + id +
-                   " is empty or holds '=', a table image cannot carry it";
-        }
-        if (name.size() > kDumpColumnNameMax) {
-            return "iPGSQL_MAKE_DB_GET_FILE: column name " + name + " of " + id + " has " +
-                   std::to_string(name.size()) + " bytes, a table image allows at most " +
-                   std::to_string(kDumpColumnNameMax);
-        }
-    }
-    return {};
-}
-
-// The image line "|name=value|...|\n" of the answer's row `line` (values
-// trimmed of blanks) into `record`, its storage reused; false when the row
-// has not one field for each of `names`.
-bool image_record(std::string_view line, const std::vector<std::string>& names, std::string& record) {
-    record.assign("|");
-    std::size_t field = 0;
-    for (std::size_t at = 0; at <= line.size(); ++field) {
-        const std::size_t bar = std::min(line.find('|', at), line.size());
-        if (field == names.size()) {
-            return false;
-        }
-        record.append(names[field]).append(1, '=').append(trimmed(line.substr(at, bar - at))).append(1, '|');
-        at = bar + 1;
-    }
-    record += '\n';
-    return field == names.size();
-}
-
-// Writes the rows up to the footer as image lines "|name=value|...|";
-// returns why the answer cannot become an image, or "".
-std::string copy_rows(std::FILE* in, std::FILE* out, Answer& answer) {
-    std::string line;
-    std::string record;
-    while (read_line(in, line)) {
-        if (parse_footer(line, answer.footerCount)) {
-            break;
-        }
-        if (answer.rows == 0) {
-            if (std::string refusal = column_refusal(answer); !refusal.empty()) {
-                return refusal;
-            }
-        }
-        WRITE_TRACE(3, "values: %s ", line.c_str());
-        if (!image_record(line, answer.lowerNames, record)) {
-            return "iPGSQL_MAKE_DB_GET_FILE: row " + std::to_string(answer.rows + 1) + " of " +
-                   answer.id + " has " + std::to_string(std::count(line.begin(), line.end(), '|') + 1) +
-                   " fields for " + std::to_string(answer.names.size()) +
-                   " columns (a value holding '|' or a line break cannot be dumped): " + line;
-        }
-        std::fwrite(record.data(), 1, record.size(), out);
-        ++answer.rows;
-        answer.progress.advance();
-    }
-    return {};
-}
-
-// The row count footer that ends the answer `sqo`, or nullopt.
-std::optional<std::uint64_t> footer_of(const std::string& sqo) {
-    FilePtr in(std::fopen(sqo.c_str(), "r"));
-    if (!in || std::fseek(in.get(), 0, SEEK_END) != 0) {
-        return std::nullopt;
-    }
-    constexpr long kTail = 64;  // longer than any footer and its line feed
-    const long size = std::ftell(in.get());
-    std::fseek(in.get(), size > kTail ? size - kTail : 0, SEEK_SET);
-    std::string line;
-    std::string last;
-    while (read_line(in.get(), line)) {
-        last = line.empty() ? last : line;
-    }
-    long count = -1;
-    if (!parse_footer(last, count) || count < 0) {
-        return std::nullopt;
-    }
-    return static_cast<std::uint64_t>(count);
-}
-
-// Why the rows read do not match the footer of `sqo` (or there is none);
-// "" when they do.
-std::string count_refusal(const Answer& answer, const std::string& sqo) {
-    if (answer.footerCount < 0) {
-        return answer.rows > 0
-                   ? "iPGSQL_MAKE_DB_GET_FILE: " + answer.id + ": no row count at the end of " + sqo
-                   : std::string();
-    }
-    if (answer.rows == 0) {
-        if (std::string refusal = column_refusal(answer); !refusal.empty()) {
-            return refusal;
-        }
-    }
-    if (answer.footerCount != answer.rows) {
-        return "iPGSQL_MAKE_DB_GET_FILE: " + answer.id + ": " + std::to_string(answer.rows) +
-               " rows read, but the database reported " + std::to_string(answer.footerCount);
-    }
-    return {};
-}
-
-}  // namespace
-
 bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutFile, std::string& cpMsg) {
-    const std::string id(cpId);
     WRITE_TRACE(1, "+++ iPGSQL_MAKE_DB_GET_FILE");
-    const std::string image = table_image_path(id);
-    // Every failure leaves no image behind: neither a half-written one nor
-    // an older one that a later import would load instead.
-    const auto fail = [&](const std::string& msg) {
-        cpMsg = msg;
-        if (!image.empty()) {
-            std::remove(image.c_str());
-        }
-        WRITE_TRACE(1, "--- PGSQL_MAKE_DB_GET_FILE returns -1: %s ", cpMsg.c_str());
-        return false;
-    };
-    if (image.empty()) {
-        return fail(std::string("iPGSQL_MAKE_DB_GET_FILE: ") + kWorkDirUnknown);
-    }
-    AtomicFile out(image);
-    if (!out.ok()) {
-        return fail("Can't open file " + out.temp() + " to write: " + std::strerror(errno));
-    }
-    FilePtr in = open_sequential(cpSqlOutFile);
-    if (!in) {
-        return fail("Can't open file " + cpSqlOutFile + " to read");
-    }
-    ProgressLine progress(STDERR_FILENO, "dump " + id + " (image)");
-    if (progress.live()) {
-        if (const auto footer = footer_of(cpSqlOutFile)) {
-            progress.set_total(*footer);
-        }
-    }
-    Answer answer{id, progress, {}, {}};
-    if (!read_column_names(in.get(), answer)) {
-        return fail("Can't find lines with column-names");
-    }
-    if (const std::string refusal = copy_rows(in.get(), out.stream(), answer); !refusal.empty()) {
-        return fail(refusal);
-    }
-    if (const std::string refusal = count_refusal(answer, cpSqlOutFile); !refusal.empty()) {
-        return fail(refusal);
-    }
-    in.reset();
-
-    if (answer.rows == 0) {
-        std::remove(image.c_str());
-    } else if (!out.commit()) {
-        const int err = errno;
-        i_FILE_CLOSE(err);
-        return fail("Can't write file " + image + ": " + out.why());
-    }
-    cpMsg = std::to_string(answer.rows);
-    WRITE_TRACE(1, "--- PGSQL_MAKE_DB_GET_FILE   rows= %s ", cpMsg.c_str());
-    return true;
+    AnswerImage image(std::string(cpId), cpSqlOutFile);
+    return image.finish(cpMsg);
 }
 
 }  // namespace rv
