@@ -12,6 +12,7 @@
 
 #include "config/product.hpp"
 #include "log/finish.hpp"
+#include "steps/answer_image.hpp"
 #include "steps/change.hpp"
 #include "steps/command.hpp"
 #include "steps/psql_dump.hpp"
@@ -163,6 +164,21 @@ TEST_F(Steps, DumpAnswerBecomesTheImageOrFailsTheDump) {
         EXPECT_EQ(rv::iPGSQL_MAKE_DB_GET_FILE("media", sqo, msg), ok) << answer;
         EXPECT_TRUE(ok ? msg == reason : msg.find(reason) != std::string::npos) << msg;
         EXPECT_EQ(image_now(), image) << answer;
+        // Taken while the client writes it, cut anywhere (inside a line as well), the answer gives the same.
+        for (std::size_t cut = 0; cut < answer.size(); cut += 3) {
+            std::remove(sqo.c_str());
+            rv::AnswerImage growing("media", sqo);
+            growing.advance();  // nothing written yet
+            rvtest::write_file(sqo, answer.substr(0, cut));
+            growing.advance();
+            rvtest::write_file(sqo, answer.substr(0, cut + (answer.size() - cut) / 2));  // the same file, longer
+            growing.advance();
+            rvtest::write_file(sqo, answer);
+            std::string said;
+            EXPECT_EQ(growing.finish(said), ok) << answer << " cut at " << cut;
+            EXPECT_EQ(said, msg) << answer << " cut at " << cut;
+            EXPECT_EQ(image_now(), image) << answer << " cut at " << cut;
+        }
     }
     EXPECT_EQ(std::to_string(rv::iPGSQL_MAKE_DB_GET_FILE("media", box.path("none.sqo"), msg)) + msg,
               "0Can't open file " + box.path("none.sqo") + " to read");
