@@ -230,7 +230,10 @@ bool CopyPath::open_copy() {
         if (!result || PQstatus(conn) == CONNECTION_BAD) {
             session_.lost();
         }
-        if (status == PGRES_COPY_IN && seen == before) {
+        if (status == PGRES_COPY_IN) {
+            if (seen != before) {
+                throw Stop("unexpected answer from database " + session_.database());
+            }
             return true;
         }
         if (is_failure(status) && seen == before) {
