@@ -195,7 +195,7 @@ int main(int argc, char** argv) {
         }
     }
     if (sizes.empty()) {
-        sizes = {100000, 1000000};
+        sizes = {100000, 1000000, 5000000};
     }
     try {
         const rvbench::DurableServer server;

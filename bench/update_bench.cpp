@@ -5,7 +5,7 @@
 // and COPY TO (out) and COPY FROM (in) of the same table. Not a test: run by
 // hand, prints seconds, rows per second and the ratio to COPY for each step.
 //
-//   bench_update [ROWS ...] [-r REPEATS]     (default: 100000 1000000, -r 1)
+//   bench_update [ROWS ...] [-r REPEATS]     (default: 100000 1000000 5000000, -r 1)
 //
 // The update script marks the boundaries of its steps with `cmd` steps that
 // append a time stamp to a file in the work directory, so one ordinary run of
@@ -397,7 +397,7 @@ int main(int argc, char** argv) {
         }
     }
     if (sizes.empty()) {
-        sizes = {100000, 1000000};
+        sizes = {100000, 1000000, 5000000};
     }
     try {
         const rvbench::DurableServer server;
