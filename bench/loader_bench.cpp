@@ -1,6 +1,6 @@
 // Loading speed of oaisql beside the server's own COPY FROM of the same rows,
 // measured in the same run on a throwaway server: a backup server's media
-// table, 100,000 and 1,000,000 rows, once without errors and once with 0.1%
+// table, 100,000, 1,000,000 and 5,000,000 rows, once without errors and once with 0.1%
 // duplicate keys, each without and with a position file (-p). Not a test:
 // run by hand, prints rows per second and ratios.
 // The server is durable as in production (see bench_server.hpp).
