@@ -1,14 +1,19 @@
 // The loader's line classifier and INSERT parser, and its grouping of a
 // script into units. Beyond crashes: an INSERT it parsed, written anew in
 // the canonical form, parses to the same table, columns and values (NULL as
-// NULL); a connect line names a database without blanks around it; a server message
+// NULL), and its values written as a line of COPY text read back the same
+// (one line, one field a value); a connect line names a database without
+// blanks around it; a server message
 // made one line holds no line break, tab or double blank and stays as it is
 // when made one line again; units keep their size and kinds, and their
 // statements come in the order of their lines.
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "loader/copy_path.hpp"
 #include "loader/insert_shapes.hpp"
 #include "loader/script.hpp"
 #include "loader/statement.hpp"
@@ -37,6 +42,34 @@ std::string canonical(const rv::InsertForm& form) {
     return line + ");";
 }
 
+// The values of a line of COPY text (tab between fields, \\N for NULL,
+// backslash escapes); nullopt when the line is not one line ending in a
+// line feed.
+std::optional<std::vector<std::optional<std::string>>> copy_fields(const std::string& data) {
+    if (data.empty() || data.back() != '\n' || data.find('\n') != data.size() - 1) {
+        return std::nullopt;
+    }
+    std::vector<std::optional<std::string>> fields;
+    std::string field;
+    bool null = false;
+    for (std::size_t i = 0; i + 1 < data.size(); ++i) {
+        const char c = data[i];
+        if (c == '\t') {
+            fields.push_back(null ? std::nullopt : std::optional(field));
+            field.clear();
+            null = false;
+        } else if (c == '\\' && i + 2 < data.size()) {
+            const char e = data[++i];
+            null = e == 'N' && field.empty() && (data[i + 1] == '\t' || data[i + 1] == '\n');
+            field += e == 't' ? '\t' : e == 'n' ? '\n' : e == 'r' ? '\r' : e;
+        } else {
+            field += c;
+        }
+    }
+    fields.push_back(null ? std::nullopt : std::optional(field));
+    return fields;
+}
+
 void check_line(std::string_view line) {
     const rv::ScriptLine parsed = rv::classify_line(line);
     FUZZ_CHECK(parsed.text.size() <= line.size());
@@ -53,6 +86,12 @@ void check_line(std::string_view line) {
     FUZZ_CHECK(reparsed && reparsed->table == form.table && reparsed->columns == form.columns);
     FUZZ_CHECK(reparsed->values == form.values);
     FUZZ_CHECK(rv::classify_line(again).kind == rv::ScriptLineKind::Insert);
+    rv::Statement statement;
+    statement.values = form.values;
+    std::string data;
+    rv::append_copy_row(statement, data);
+    const auto fields = copy_fields(data);
+    FUZZ_CHECK(fields && *fields == form.values);
 }
 
 void check_message(std::string_view text) {
