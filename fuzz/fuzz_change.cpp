@@ -78,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }();
     (void)ready;
     const std::string text(reinterpret_cast<const char*>(data), size);
-    const std::string image = rv::table_image_path("media");
+    static const std::string image = rv::table_image_path("media");  // the installation stays as it is
     rvtest::write_file(image, text);
     const auto rows = expected_rows(rvtest::split_lines(text));
     try {

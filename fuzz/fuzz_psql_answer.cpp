@@ -50,8 +50,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;  // the client writes no NUL byte
     }
     rvtest::Sandbox& box = rvfuzz::sandbox();
-    const std::string sqo = box.path("media.sqo");
-    const std::string image = rv::table_image_path("media");
+    static const std::string sqo = box.path("media.sqo");
+    static const std::string image = rv::table_image_path("media");  // the installation stays as it is
     rvtest::write_file(sqo, text);
     rvtest::write_file(image, "|stale=1|\n");
     std::string msg;

@@ -1,10 +1,12 @@
 #include "config/ini.hpp"
-#include "sys/file_io.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
-#include <cstdio>
+#include <cerrno>
 #include <cstdlib>
-#include <memory>
 #include <vector>
 
 namespace rv {
@@ -20,19 +22,46 @@ constexpr std::string_view kDefaultSection = "[DEFAULT]";
 
 enum class Lookup { found, failed, too_deep };
 
-// Reads the next piece of a line: up to and including the line feed, but at
-// most kIniLinePiece characters, so a longer line goes on as a new line. The
-// line feed is dropped, a carriage return stays. False at end of file.
-bool read_piece(std::FILE* fp, std::string& line) {
-    line.clear();
-    int c = 0;
-    while (line.size() < kIniLinePiece && (c = std::getc(fp)) != EOF) {
-        if (c == '\n') {
-            return true;
-        }
-        line.push_back(static_cast<char>(c));
+// The whole of `file`, read in one go, so that a lookup walks its lines in
+// memory. False when it cannot be opened; a read error ends the text there,
+// as the end of the file would.
+bool read_whole(const std::string& file, std::string& text) {
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
     }
-    return !line.empty();
+    struct stat info {};
+    text.clear();
+    if (::fstat(fd, &info) == 0 && info.st_size > 0) {
+        text.reserve(static_cast<std::size_t>(info.st_size));
+    }
+    char buffer[4096];
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        text.append(buffer, static_cast<std::size_t>(n));
+    }
+    ::close(fd);
+    return true;
+}
+
+// The next piece of a line of `text` from `at` on: up to the line feed, but
+// at most kIniLinePiece characters, so a longer line goes on as a new line.
+// The line feed is dropped, a carriage return stays. False at the end.
+bool next_piece(std::string_view text, std::size_t& at, std::string_view& line) {
+    if (at >= text.size()) {
+        return false;
+    }
+    const std::string_view rest = text.substr(at, kIniLinePiece);
+    const std::size_t lf = rest.find('\n');
+    line = rest.substr(0, lf);
+    at += lf == std::string_view::npos ? rest.size() : lf + 1;
+    return true;
 }
 
 char lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
@@ -98,24 +127,26 @@ Lookup check_request(std::string_view file, std::string_view section, std::strin
 
 enum class Scan { key_found, section_missing, section_ended, key_missing };
 
-// Reads `fp` up to the line of `key` in `section` ("" for the whole file);
-// that line is left in `line`.
-Scan scan_for_key(std::FILE* fp, std::string_view section, std::string_view key, std::string& line) {
+// Reads `text` up to the line of `key` in `section` ("" for the whole
+// file); that line is left in `line`.
+Scan scan_for_key(std::string_view text, std::string_view section, std::string_view key, std::string& line) {
     enum { before_section, in_section, whole_file } state = section.empty() ? whole_file : before_section;
     const std::string wantedSection = lowered(section);
     const std::string wantedKey = lowered(key) + "=";
-    while (read_piece(fp, line)) {
-        if (line.empty() || line[0] == '#') {
+    std::string_view piece;
+    for (std::size_t at = 0; next_piece(text, at, piece);) {
+        if (piece.empty() || piece[0] == '#') {
             continue;
         }
-        if (state == before_section && starts_with_nocase(line, wantedSection)) {
+        if (state == before_section && starts_with_nocase(piece, wantedSection)) {
             state = in_section;
             continue;
         }
-        if (state == in_section && line[0] == '[') {
+        if (state == in_section && piece[0] == '[') {
             return Scan::section_ended;
         }
-        if ((state == in_section || state == whole_file) && starts_with_nocase(line, wantedKey)) {
+        if ((state == in_section || state == whole_file) && starts_with_nocase(piece, wantedKey)) {
+            line.assign(piece);
             return Scan::key_found;
         }
     }
@@ -126,12 +157,12 @@ Scan scan_for_key(std::FILE* fp, std::string_view section, std::string_view key,
 Lookup find_key_line(std::string_view file, std::string_view section, std::string_view key,
                      std::string& line, std::string& msg) {
     const std::string filename(file);
-    FilePtr fp(std::fopen(filename.c_str(), "r"));
-    if (!fp) {
+    std::string text;
+    if (!read_whole(filename, text)) {
         msg = "i_GetPrivateProfileString: FILE NOT FOUND OR ACCESS PROBLEM: " + filename + ".";
         return Lookup::failed;
     }
-    switch (scan_for_key(fp.get(), section, key, line)) {
+    switch (scan_for_key(text, section, key, line)) {
         case Scan::key_found:
             return Lookup::found;
         case Scan::section_ended:
