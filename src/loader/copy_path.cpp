@@ -54,22 +54,10 @@ bool embeds_backslash(const char* encoding) {
     return std::find(kEncodings.begin(), kEncodings.end(), encoding) != kEncodings.end();
 }
 
-// Whether the values of `statement` go into COPY text as their bytes: no
-// NUL byte, and no backslash unless the server reads them as they stand.
+// Whether `statement` can be a row of COPY text: an INSERT of the fixed
+// form (whose values hold no NUL byte) with values that mean their bytes.
 bool fits_copy(const Statement& statement, bool scs_on) {
-    if (statement.kind != ScriptLineKind::Insert) {
-        return false;
-    }
-    return std::none_of(statement.values.begin(), statement.values.end(),
-                        [scs_on](const std::optional<std::string>& value) {
-                            return value && (value->find('\0') != std::string::npos ||
-                                             (!scs_on && value->find('\\') != std::string::npos));
-                        });
-}
-
-bool is_failure(ExecStatusType status) {
-    return status == PGRES_FATAL_ERROR || status == PGRES_NONFATAL_ERROR ||
-           status == PGRES_BAD_RESPONSE;
+    return statement.kind == ScriptLineKind::Insert && values_as_bytes(statement, scs_on);
 }
 
 // Hands the rest of `data` to the COPY open on `session` and ends it.
@@ -405,29 +393,11 @@ std::optional<std::string> CopyPath::run(const std::string& commands, int may_fa
 }
 
 bool CopyPath::flush() {
-    PGconn* conn = session_.get();
-    bool spoke = false;
-    for (;;) {
-        const int pending = PQflush(conn);
-        if (pending < 0) {
-            session_.lost();
-        }
-        if (pending == 0) {
-            break;
-        }
-        pollfd fd{PQsocket(conn), POLLIN | POLLOUT, 0};
-        if (::poll(&fd, 1, -1) < 0 && errno != EINTR) {
-            session_.lost();
-        }
-        if ((fd.revents & POLLIN) != 0) {
-            spoke = true;
-            if (PQconsumeInput(conn) == 0) {
-                session_.lost();
-            }
-        }
+    if (session_.flush_all()) {
+        return true;
     }
-    pollfd fd{PQsocket(conn), POLLIN, 0};
-    return spoke || (::poll(&fd, 1, 0) > 0 && (fd.revents & POLLIN) != 0);
+    pollfd fd{PQsocket(session_.get()), POLLIN, 0};
+    return ::poll(&fd, 1, 0) > 0 && (fd.revents & POLLIN) != 0;
 }
 
 void CopyPath::commit(bool durable) {

@@ -24,12 +24,6 @@ bool send_own(PGconn* conn, const char* sql) {
     return PQsendQueryParams(conn, sql, 0, nullptr, nullptr, nullptr, nullptr, 0) == 1;
 }
 
-bool has_backslash(const std::vector<std::optional<std::string>>& values) {
-    return std::any_of(values.begin(), values.end(), [](const std::optional<std::string>& v) {
-        return v && v->find('\\') != std::string::npos;
-    });
-}
-
 }  // namespace
 
 void Pipeline::start(const std::vector<Statement>& batch, std::size_t lo, std::size_t hi,
@@ -42,7 +36,7 @@ void Pipeline::start(const std::vector<Statement>& batch, std::size_t lo, std::s
 
 bool Pipeline::takes_parameters(const Statement& statement) const {
     return statement.kind == ScriptLineKind::Insert && statement.values.size() <= kMaxParams &&
-           (session_.scs_on() || !has_backslash(statement.values));
+           values_as_bytes(statement, session_.scs_on());
 }
 
 int Pipeline::group_at(const std::vector<Statement>& batch, std::size_t i, std::size_t hi) const {
@@ -151,8 +145,7 @@ void Pipeline::collect_one(const Sent& item, Segment& segment) {
         session_.lost();
     }
     const ExecStatusType status = PQresultStatus(result.get());
-    if (status == PGRES_FATAL_ERROR || status == PGRES_NONFATAL_ERROR ||
-        status == PGRES_BAD_RESPONSE) {
+    if (is_failure(status)) {
         if (PQstatus(conn) == CONNECTION_BAD) {
             session_.lost();
         }

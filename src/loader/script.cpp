@@ -112,6 +112,13 @@ Unit UnitReader::next() {
     return unit;
 }
 
+bool values_as_bytes(const Statement& statement, bool scs_on) {
+    return scs_on || std::none_of(statement.values.begin(), statement.values.end(),
+                                  [](const std::optional<std::string>& value) {
+                                      return value && value->find('\\') != std::string::npos;
+                                  });
+}
+
 std::size_t ScriptCount::statements_through(std::size_t line) const {
     const auto others_through = std::upper_bound(others.begin(), others.end(), line) - others.begin();
     return std::min(statements, line - static_cast<std::size_t>(others_through));

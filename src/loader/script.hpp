@@ -34,6 +34,11 @@ struct Statement {
 // Statement text a batch holds, at most (it holds at least one statement).
 inline constexpr std::size_t kUnitBytes = 8 * 1024 * 1024;
 
+// Whether the values of the INSERT `statement` mean their bytes, sent as
+// parameters or COPY text: always where the server reads backslashes in
+// quotes as they stand (`scs_on`), else only when none holds a backslash.
+bool values_as_bytes(const Statement& statement, bool scs_on);
+
 // What the executor takes next from the script.
 struct Unit {
     enum class Kind { End, Connect, Alone, Batch } kind = Kind::End;

@@ -32,12 +32,12 @@ bool command(PGconn* conn, const char* sql) {
     return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
 }
 
+}  // namespace
+
 bool is_failure(ExecStatusType status) {
     return status == PGRES_FATAL_ERROR || status == PGRES_NONFATAL_ERROR ||
            status == PGRES_BAD_RESPONSE;
 }
-
-}  // namespace
 
 std::string error_text(const PGresult* result) {
     const char* primary = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
@@ -148,11 +148,12 @@ void Session::drain(const PGresult* result) {
     }
 }
 
-void Session::flush_all() {
+bool Session::flush_all() {
+    bool spoke = false;
     for (;;) {
         const int pending = PQflush(conn_.get());
         if (pending == 0) {
-            return;
+            return spoke;
         }
         if (pending < 0) {
             lost();
@@ -164,6 +165,7 @@ void Session::flush_all() {
             }
             lost();
         }
+        spoke = spoke || (fd.revents & POLLIN) != 0;
         if ((fd.revents & POLLIN) != 0 && PQconsumeInput(conn_.get()) == 0) {
             lost();
         }

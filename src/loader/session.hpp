@@ -32,6 +32,9 @@ using Result = std::unique_ptr<PGresult, ResultClearer>;
 // line; never empty.
 std::string error_text(const PGresult* result);
 
+// Whether `status` is the answer of a statement that failed.
+bool is_failure(ExecStatusType status);
+
 // One connection at a time, in pipeline mode and non-blocking between
 // calls. Every member that talks to the server throws Stop when the
 // connection is lost.
@@ -66,8 +69,9 @@ class Session {
     Result query(const std::string& sql);
 
     // Sends everything queued, reading meanwhile so that neither side can
-    // wait for the other with full buffers.
-    void flush_all();
+    // wait for the other with full buffers; true when the server sent
+    // something while it waited.
+    bool flush_all();
 
     // Throws Stop naming the database and the connection's last message.
     [[noreturn]] void lost() const;
