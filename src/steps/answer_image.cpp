@@ -104,6 +104,7 @@ void AnswerImage::advance() noexcept {
 }
 
 bool AnswerImage::finish(std::string& msg) {
+    WRITE_TRACE(1, "+++ iPGSQL_MAKE_DB_GET_FILE");
     finishing_ = true;
     const auto fail = [&](const std::string& why) {
         msg = why;

@@ -209,7 +209,6 @@ bool do_sql(std::string_view cpId, std::string_view cpSqlCmd, std::string& cpMsg
     }
     WRITE_TRACE(1, "answer from database: %s ", answer.c_str());
     cpMsg = answer;
-    WRITE_TRACE(1, "+++ iPGSQL_MAKE_DB_GET_FILE");
     const bool ok = image.finish(cpMsg);
     if (ok) {
         std::remove(sqi.c_str());
@@ -275,7 +274,6 @@ bool iSELECT_INTO_TEMP_FILE(std::string_view cpId, std::string_view cpSql, std::
 }
 
 bool iPGSQL_MAKE_DB_GET_FILE(std::string_view cpId, const std::string& cpSqlOutFile, std::string& cpMsg) {
-    WRITE_TRACE(1, "+++ iPGSQL_MAKE_DB_GET_FILE");
     AnswerImage image(std::string(cpId), cpSqlOutFile);
     return image.finish(cpMsg);
 }
