@@ -31,19 +31,37 @@ constexpr const char* kRollback =
 
 // Whether COPY may take the table of `head` ("<table> (<col>,...)"): a
 // plain or partitioned table, no rule on INSERT, no statement trigger on
-// INSERT, no row security, no identity column that refuses a value, nothing
-// deferrable in it or its partitions.
+// INSERT, no row security, no identity column that refuses a value, and in
+// it or its partitions nothing deferrable, no row trigger of its own that
+// fires after INSERT, and no foreign key that refers to the table itself or
+// sits beside a row trigger of its own. COPY checks foreign keys and fires
+// those triggers when all its rows are in, statements after each row: a
+// row that names one behind it, or a trigger that looks at rows or fills a
+// referenced table, would see another table.
 std::string copy_question(const std::string& head) {
     const std::string table = head.substr(0, head.find(' '));
-    return "SELECT c.relkind IN ('r', 'p') AND NOT c.relrowsecurity"
+    // A plain table is no partition tree: it stands alone in it.
+    return "WITH tree AS (SELECT to_regclass('" + table + "') AS relid"
+           " UNION SELECT relid FROM pg_partition_tree(to_regclass('" + table + "')))"
+           " SELECT c.relkind IN ('r', 'p') AND NOT c.relrowsecurity"
            " AND NOT EXISTS (SELECT FROM pg_rewrite r WHERE r.ev_class = c.oid AND r.ev_type = '3')"
            " AND NOT EXISTS (SELECT FROM pg_trigger t WHERE t.tgrelid = c.oid AND t.tgtype & 5 = 4)"
            " AND NOT EXISTS (SELECT FROM pg_attribute a"
            "   WHERE a.attrelid = c.oid AND a.attidentity = 'a' AND NOT a.attisdropped)"
-           " AND NOT EXISTS (SELECT FROM pg_partition_tree(c.oid) p"
-           "   WHERE EXISTS (SELECT FROM pg_constraint k WHERE k.conrelid = p.relid AND k.condeferrable)"
-           "   OR EXISTS (SELECT FROM pg_trigger t WHERE t.tgrelid = p.relid AND t.tgdeferrable))"
+           " AND NOT EXISTS (SELECT FROM pg_constraint k WHERE k.conrelid IN (SELECT relid FROM tree)"
+           "   AND (k.condeferrable OR k.contype = 'f' AND (k.confrelid IN (SELECT relid FROM tree)"
+           "     OR EXISTS (SELECT FROM pg_trigger t WHERE t.tgrelid IN (SELECT relid FROM tree)"
+           "       AND t.tgtype & 1 = 1 AND NOT t.tgisinternal))))"
+           " AND NOT EXISTS (SELECT FROM pg_trigger t WHERE t.tgrelid IN (SELECT relid FROM tree)"
+           "   AND (t.tgdeferrable OR t.tgtype & 71 = 5 AND NOT t.tgisinternal))"
            " FROM pg_class c WHERE c.oid = to_regclass('" + table + "')";
+}
+
+// Whether a COPY's failure with SQLSTATE `state` carries the message the
+// failing row's INSERT would: integrity constraints are checked when the
+// row is stored, by the same code and with the same words for both.
+bool statement_error(const char* state) {
+    return state != nullptr && std::string_view(state).starts_with("23");
 }
 
 // Client encodings whose characters may hold the byte of a backslash,
@@ -176,6 +194,7 @@ void CopyPath::add(std::vector<Statement>& batch, std::size_t lo, std::size_t hi
         run_bytes_ += batch[i].text.size();
         run_.push_back(std::move(batch[i]));
     }
+    reported_.resize(run_.size(), false);
     pump();
 }
 
@@ -188,10 +207,11 @@ std::size_t CopyPath::finish(bool durable) {
     commit(durable);
     const std::size_t line = run_.back().line;
     run_.clear();
+    reported_.clear();
     run_bytes_ = 0;
     begun_ = refused_ = false;
     savepoint_ = Savepoint::None;
-    from_ = next_ = failed_ = 0;
+    from_ = next_ = known_ = failed_ = 0;
     xid_ = 0;
     return line;
 }
@@ -253,6 +273,10 @@ bool CopyPath::put() {
 
 bool CopyPath::send_rows(std::size_t& i, std::size_t end) {
     while (i < end) {
+        if (reported_[i]) {
+            ++i;
+            continue;
+        }
         append_copy_row(run_[i++], data_);
         if (data_.size() >= kCopyChunk && put()) {
             return true;
@@ -273,8 +297,11 @@ void CopyPath::pump() {
             refused_ = !attempt_open_;
             continue;
         }
-        const std::size_t end = std::min(run_.size(), from_ + window_);
-        if (send_rows(next_, end) || next_ == from_ + window_) {
+        // Rows known to pass (those before a failing row named) go again;
+        // new rows join them while they are fewer than a window.
+        const std::size_t known = std::max(from_, known_);
+        const std::size_t limit = known - from_ >= window_ ? known : known + window_;
+        if (send_rows(next_, std::min(run_.size(), limit)) || next_ == limit) {
             close_attempt();
         }
     }
@@ -304,9 +331,11 @@ CopyPath::Attempt CopyPath::end_copy(std::size_t lo, std::size_t sent) {
     }
     Attempt attempt{sent, true};
     const char* context = PQresultErrorField(result.get(), PG_DIAG_CONTEXT);
-    if (const auto row = copy_failure_row(context != nullptr ? context : "");
-        row && lo + *row <= sent) {
-        attempt.row = lo + *row - 1;
+    if (const auto row = copy_failure_row(context != nullptr ? context : "")) {
+        attempt.row = sent_row(lo, sent, *row);
+    }
+    if (attempt.row && statement_error(PQresultErrorField(result.get(), PG_DIAG_SQLSTATE))) {
+        attempt.error = error_text(result.get());
     }
     savepoint_ = Savepoint::Failed;
     // Where failures come often, shorter attempts send less again.
@@ -317,6 +346,13 @@ CopyPath::Attempt CopyPath::end_copy(std::size_t lo, std::size_t sent) {
 std::size_t CopyPath::recover(std::size_t lo, const Attempt& done, bool trust_row) {
     if (!done.failed) {
         return done.sent;
+    }
+    if (done.row && done.error) {
+        outcome_.report(run_[*done.row], *done.error);
+        reported_[*done.row] = true;
+        ++failed_;
+        known_ = *done.row + 1;
+        return lo;
     }
     if (done.row && trust_row) {
         // The server loaded the rows before it: they go again, and are not
@@ -333,6 +369,10 @@ std::size_t CopyPath::recover(std::size_t lo, const Attempt& done, bool trust_ro
 
 void CopyPath::load(std::size_t lo, std::size_t hi, bool trust_row) {
     while (lo < hi) {
+        if (reported_[lo]) {
+            ++lo;
+            continue;
+        }
         if (hi - lo == 1 || refused_) {
             insert_alone(run_[lo++]);
             continue;
@@ -347,6 +387,16 @@ void CopyPath::load(std::size_t lo, std::size_t hi, bool trust_row) {
         lo = recover(lo, end_copy(lo, sent), trust_row);
         trust_row = true;
     }
+}
+
+std::optional<std::size_t> CopyPath::sent_row(std::size_t lo, std::size_t sent,
+                                              std::size_t n) const {
+    for (std::size_t i = lo; i < sent; ++i) {
+        if (!reported_[i] && --n == 0) {
+            return i;
+        }
+    }
+    return std::nullopt;
 }
 
 std::string CopyPath::leave_savepoint(int& count) {

@@ -1,20 +1,25 @@
 // Runs of INSERT lines of one shape loaded through COPY: one transaction a
 // run, its rows sent as COPY text data in attempts, each under a savepoint.
-// When an attempt fails, the rows before the failing one are sent again, the
-// failing row runs as its own INSERT statement (so that its Error line holds
-// the statement's message, not COPY's) and the attempt after it starts
-// anew; when the server does not say which row failed, the attempt is split
-// in halves. Every row that succeeds on its own is committed exactly once,
-// in file order, as on the statement path.
+// When an attempt fails at a row the server names with a message its INSERT
+// would give as well (a constraint it violates), the row is reported and the
+// attempt goes again without it. When another message names the row, the
+// rows before it are sent again and it runs as its own INSERT statement (so
+// that its Error line holds the statement's message, not COPY's); when the
+// server does not say which row failed, the attempt is split in halves.
+// Every row that succeeds on its own is committed exactly once, in file
+// order, as on the statement path.
 //
 // Only tables where COPY does what the INSERT statements would do take this
 // path: plain and partitioned tables without rules on INSERT, statement
-// triggers on INSERT, row security, identity columns that refuse values, or
+// triggers on INSERT, row security, identity columns that refuse values,
 // deferrable constraints and triggers (a deferred failure would fail the
-// commit of a whole run). Rows whose values the server would read otherwise
-// than their bytes (backslashes where backslashes escape in quotes), values
-// holding a NUL byte and client encodings whose characters may hold a
-// backslash byte take the statement path as well.
+// commit of a whole run), row triggers of their own after INSERT, or a
+// foreign key referring to the table or beside a row trigger (COPY fires and
+// checks these after its last row, a statement after its own). Rows whose
+// values the server would read otherwise than their bytes (backslashes where
+// backslashes escape in quotes), values holding a NUL byte and client
+// encodings whose characters may hold a backslash byte take the statement
+// path as well.
 #pragma once
 
 #include <cstddef>
@@ -86,12 +91,14 @@ class CopyPath {
 
   private:
     // What became of an attempt at rows [lo, sent) of the run: failed (at
-    // `row`, when the server said which), or loaded. A failure with nothing
-    // sent: the server refused the COPY itself.
+    // `row`, when the server said which, with `error` when its INSERT would
+    // fail with that message), or loaded. A failure with nothing sent: the
+    // server refused the COPY itself.
     struct Attempt {
         std::size_t sent = 0;
         bool failed = false;
         std::optional<std::size_t> row = std::nullopt;
+        std::optional<std::string> error = std::nullopt;
     };
 
     // What the last attempt or statement left to do with its savepoint,
@@ -114,7 +121,8 @@ class CopyPath {
     bool put();
 
     // Appends rows [i, end) of the run to the COPY text, handing it on in
-    // chunks; stops early, with true, when the server speaks.
+    // chunks, leaving out the rows reported already; stops early, with true,
+    // when the server speaks.
     bool send_rows(std::size_t& i, std::size_t end);
 
     // Sends the rows of the run not sent yet, in attempts of at most
@@ -129,13 +137,18 @@ class CopyPath {
     // savepoint back when it failed.
     Attempt end_copy(std::size_t lo, std::size_t sent);
 
-    // After attempt `done` at rows from `lo`: loads those it did not (the
-    // failing row it names believed when `trust_row`); returns where the
-    // run goes on.
+    // After attempt `done` at rows from `lo`: reports its failing row and
+    // returns `lo` when the server named it with its INSERT's message; else
+    // loads the rows it did not (the failing row it names believed when
+    // `trust_row`) and returns where the run goes on.
     std::size_t recover(std::size_t lo, const Attempt& done, bool trust_row);
 
+    // The run's index of the `n`th row (1 on) an attempt sent of rows
+    // [lo, sent), nullopt when it sent fewer.
+    std::optional<std::size_t> sent_row(std::size_t lo, std::size_t sent, std::size_t n) const;
+
     // Loads rows [lo, hi) of the run in attempts of their own (one row: a
-    // statement).
+    // statement), leaving out the rows reported already.
     void load(std::size_t lo, std::size_t hi, bool trust_row);
 
     // Runs `statement` by itself as an INSERT under the savepoint; reports
@@ -164,6 +177,8 @@ class CopyPath {
     bool attempt_open_ = false;       // an attempt at rows [from_, next_) takes data
     std::size_t from_ = 0;
     std::size_t next_ = 0;            // the first row of the run not sent or loaded yet
+    std::size_t known_ = 0;           // rows before it loaded or reported, when the attempt does
+    std::vector<bool> reported_;      // rows of the run that failed already
     std::size_t window_ = kCopyRows;  // rows an attempt sends: shrinks after failures
     std::size_t failed_ = 0;          // rows of the run that failed
     std::uint64_t xid_ = 0;           // the run's transaction

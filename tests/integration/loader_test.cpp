@@ -165,10 +165,15 @@ TEST_F(DbLoader, CopyLoadsWhatTheStatementsWouldAndLeavesTablesItWouldChangeToTh
              "(new.id, current_query() like '%COPY%', new.t); new.t := new.t || '+'; return new; end $$;"
              "create trigger noted before insert on cp for each row execute function noted();"
              "create table st (id int); create table fired (n int); create function count_fired() returns trigger "
-             "language plpgsql as $$ begin insert into fired values (1); return null; end $$;"
+             "language plpgsql as $$ begin insert into fired values (0); return null; end $$;"
              "create trigger per_statement after insert on st for each statement execute function count_fired();"
              "create table ru (id int); create table also (id int);"
-             "create rule also_there as on insert to ru do also insert into also values (new.id)");
+             "create rule also_there as on insert to ru do also insert into also values (new.id);"
+             // COPY checks foreign keys and fires AFTER row triggers behind its last row.
+             "create table sr (id int primary key, up int references sr); create table ar (id int);"
+             "create function count_ar() returns trigger language plpgsql as $$ begin insert into fired "
+             "select count(*) from ar; return null; end $$;"
+             "create trigger per_row after insert on ar for each row execute function count_ar()");
     // Values COPY text has to escape: a backslash (before n, before N and
     // alone), a tab, line breaks in the literal, apostrophes, empty and NULL;
     // a duplicate key in the middle of the run; 20 plain rows make it a run.
@@ -182,12 +187,20 @@ TEST_F(DbLoader, CopyLoadsWhatTheStatementsWouldAndLeavesTablesItWouldChangeToTh
     plain_rows("ru");
     for (int i = 1; i <= 28; ++i) {
         const std::string t = i <= 8 ? values[i - 1] : "'row " + std::to_string(i) + "'";
-        script += "INSERT INTO cp (id,t) VALUES ('" + std::to_string(i == 15 ? 3 : i) + "'," + t + ");\n";
+        script += "INSERT INTO cp (id,t) VALUES ('" + std::to_string(i == 15 ? 3 : i == 17 ? 5 : i) + "'," + t + ");\n";
     }
     plain_rows("st");
+    plain_rows("ar");
+    for (int i = 1; i <= 20; ++i)  // row 10 refers to the row behind it
+        script += "INSERT INTO sr (id,up) VALUES ('" + std::to_string(i) + "'," + (i == 1 ? "NULL" : i == 10 ? "'11'" : "'1'") + ");\n";
     const int line_15 = 20 + 15 + 2;  // behind the rows of ru and two line breaks of row 4
-    errors = "Error in line " + std::to_string(line_15) + ": duplicate key value violates unique constraint "
-             "\"cp_pkey\" (Key (id)=(3) already exists.)\n";
+    const auto dup = [](int line, int id) {
+        return "Error in line " + std::to_string(line) + ": duplicate key value violates unique constraint "
+               "\"cp_pkey\" (Key (id)=(" + std::to_string(id) + ") already exists.)\n";
+    };
+    errors = dup(line_15, 3) + dup(line_15 + 2, 5) + "Error in line " + std::to_string(line_15 + 13 + 40 + 10) +
+             ": insert or update on table \"sr\" violates foreign key constraint \"sr_up_fkey\" (Key (up)=(11) is "
+             "not present in table \"sr\".)\n";
     const auto loaded = [&] { return pg_query("ravik_db", "select id::text, t from cp order by cp.id"); };
     std::optional<PgRows> by_statements;
     // One row an INSERT statement, so that the statement trigger fires for each.
@@ -195,17 +208,18 @@ TEST_F(DbLoader, CopyLoadsWhatTheStatementsWouldAndLeavesTablesItWouldChangeToTh
     // that ends with rows of another table.
     for (const Lines& args : {Lines{"-s", "-g", "1"}, Lines{"-g", "1"}, Lines{"-g", "1", "-p", box.path("work/cp.pos")},
                               Lines{"-g", "1", "-b", "20"}}) {
-        pg_query("ravik_db", "truncate cp, way, st, fired, ru, also");
+        pg_query("ravik_db", "truncate cp, way, st, fired, ru, also, sr, ar");
         const auto r = load(script, args);
-        EXPECT_EQ(outcome(r), std::make_tuple(1, errors + "oaisql: 68 statements, 67 succeeded, 1 failed\n"))
+        EXPECT_EQ(outcome(r), std::make_tuple(1, errors + "oaisql: 108 statements, 105 succeeded, 3 failed\n"))
             << r.err << ::testing::PrintToString(args);
         // -s: every row its statement; else every row of cp through COPY but
-        // the failing one, retried alone; st and ru always by statements.
+        // the failing ones; st, ru, ar and sr always by statements.
         const bool copy = args.front() != "-s";
-        EXPECT_EQ(value("select count(*) filter (where copy) || ' ' || count(*) filter (where not copy) from way "
-                        "where id <> 3 or t <> 'row 15'"), copy ? "27 0" : "0 27") << args.front();
+        EXPECT_EQ(value("select count(*) filter (where copy) || ' ' || count(*) filter (where not copy) from way"),
+                  copy ? "26 0" : "0 26") << args.front();
         EXPECT_EQ(value("select (select count(*) from fired) || ' ' || (select count(*) from also) || ' ' || "
-                        "(select count(*) from st)"), "20 20 20");
+                        "(select count(*) from st) || ' ' || (select count(*) from sr)"), "40 20 20 19");
+        EXPECT_EQ(value("select sum(n) from fired"), "210");  // ar held 1, 2, ... 20 rows
         if (!by_statements) by_statements = loaded();
         EXPECT_EQ(loaded(), *by_statements);
     }
