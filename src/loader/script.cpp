@@ -10,19 +10,8 @@
 namespace rv {
 
 bool ScriptReader::next(std::string_view& line, std::size_t& number) {
-    char* raw = buffer_.release();
-    errno = 0;
-    const ssize_t got = ::getline(&raw, &capacity_, file_.get());
-    buffer_.reset(raw);
-    if (got < 0) {
-        if (std::ferror(file_.get())) {
-            error_ = errno != 0 ? errno : EIO;
-        }
+    if (!lines_.next(line)) {
         return false;
-    }
-    line = std::string_view(raw, static_cast<std::size_t>(got));
-    if (!line.empty() && line.back() == '\n') {
-        line.remove_suffix(1);
     }
     number = ++number_;
     return true;

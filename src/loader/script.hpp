@@ -50,7 +50,7 @@ struct Unit {
 class ScriptReader {
   public:
     // Takes over the open script `file`.
-    explicit ScriptReader(FilePtr file) : file_(std::move(file)) {}
+    explicit ScriptReader(FilePtr file) : file_(std::move(file)), lines_(file_.get()) {}
 
     // Next line (without its line end) and its number; false at the end of
     // the script or on a read error (see error()). `line` stays valid until
@@ -58,21 +58,15 @@ class ScriptReader {
     bool next(std::string_view& line, std::size_t& number);
 
     // The errno of a failed read, 0 when there was none.
-    int error() const { return error_; }
+    int error() const { return lines_.error(); }
 
     // The number of lines read so far.
     std::size_t lines() const { return number_; }
 
   private:
-    struct MallocFree {
-        void operator()(char* p) const { std::free(p); }
-    };
-
     FilePtr file_;
-    std::unique_ptr<char, MallocFree> buffer_;
-    std::size_t capacity_ = 0;
+    LineReader lines_;
     std::size_t number_ = 0;
-    int error_ = 0;
 };
 
 // Groups the statements of the script into units.

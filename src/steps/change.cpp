@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include "config/ini.hpp"
@@ -53,7 +54,7 @@ std::string joined(const std::vector<std::string>& list, std::size_t from) {
     throw StepFailure("change of " + table + ": " + why);
 }
 
-void append_quoted(std::string& out, const std::string& value) {
+void append_quoted(std::string& out, std::string_view value) {
     if (value == "NULL") {
         out += value;
         return;
@@ -130,9 +131,8 @@ bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& w
         why = "is longer than " + std::to_string(kChangeLineMax) + " characters";
         return false;
     }
-    // The strings of the last row are reused: rows of one table have the
-    // same columns, so reading a row allocates nothing.
-    std::size_t count = 0;
+    // The row's storage is reused: reading a row allocates nothing.
+    row.columns.clear();
     for (std::size_t at = 0; at <= line.size();) {
         const std::size_t bar = std::min(line.find('|', at), line.size());
         const std::string_view element = line.substr(at, bar - at);
@@ -157,15 +157,9 @@ bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& w
                   std::string(element.substr(0, eq));
             return false;
         }
-        if (count == row.columns.size()) {
-            row.columns.emplace_back();
-        }
-        row.columns[count].column.assign(element.substr(0, eq));
-        row.columns[count].value.assign(element.substr(eq + 1));
-        ++count;
+        row.columns.push_back({element.substr(0, eq), element.substr(eq + 1)});
     }
-    row.columns.resize(count);
-    if (count == 0) {
+    if (row.columns.empty()) {
         clear_progress_line();
         std::printf("\n\nKein Token '|' verfuegbar in %.*s.", static_cast<int>(line.size()), line.data());
         console_mid_line();
@@ -175,10 +169,13 @@ bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& w
     return true;
 }
 
-void add_entry(strRow& row, const std::string& szColumn, const std::string& szValue) {
+void add_entry(strRow& row, std::string_view szColumn, std::string_view szValue) {
     row.columns.push_back({szColumn, szValue});
-    WRITE_TRACE(3, "<add_entry> Create new column Column: %s    Value: %s", szColumn.c_str(),
-                szValue.c_str());
+    if (tracing(3)) {
+        WRITE_TRACE(3, "<add_entry> Create new column Column: %.*s    Value: %.*s",
+                    static_cast<int>(szColumn.size()), szColumn.data(), static_cast<int>(szValue.size()),
+                    szValue.data());
+    }
 }
 
 int delete_entry(strRow& row, std::string_view szColumn) {
@@ -193,24 +190,25 @@ int delete_entry(strRow& row, std::string_view szColumn) {
 
 namespace {
 
-// The column list and the value list of the INSERT line of `row`.
-void insert_lists(const strRow& row, std::string& columns, std::string& values) {
-    columns.clear();
-    values.clear();
-    for (const auto& col : row.columns) {
-        if (!columns.empty()) {
-            columns += ',';
-            values += ',';
-        }
-        columns += col.column;
-        append_quoted(values, col.value);
+// The INSERT line of `row` into `line` (its storage reused row by row);
+// false when its column or value list is longer than kChangeListMax.
+bool insert_text(std::string& line, std::string_view table, const strRow& row) {
+    line.assign("INSERT INTO ").append(table).append(" (");
+    const std::size_t columns = line.size();
+    for (std::size_t c = 0; c < row.columns.size(); ++c) {
+        line.append(c == 0 ? "" : ",").append(row.columns[c].column);
     }
-}
-
-// The INSERT line of a row into `line` (its storage reused row by row).
-void insert_text(std::string& line, std::string_view table, const std::string& columns, const std::string& values) {
-    line.assign("INSERT INTO ").append(table).append(" (").append(columns).append(") VALUES (").append(values);
+    if (line.size() - columns > kChangeListMax) {
+        return false;
+    }
+    line.append(") VALUES (");
+    const std::size_t values = line.size();
+    for (std::size_t c = 0; c < row.columns.size(); ++c) {
+        line.append(c == 0 ? "" : ",");
+        append_quoted(line, row.columns[c].value);
+    }
     line.append(");\n");
+    return line.size() - 3 - values <= kChangeListMax;
 }
 
 }  // namespace
@@ -262,18 +260,17 @@ void apply_changes(strRow& row, ChangeKeys& keys) {
 }
 
 // Writes an INSERT line for every row of the image `in` (read from `file`)
-// into `out`, counting them on `progress`. A row beyond the limits ends the
-// run with `out` dropped.
+// into `out`, counting them on `progress`. A row beyond the limits, or an
+// image that cannot be read to its end, ends the run with `out` dropped.
 void write_inserts(std::FILE* in, AtomicFile& out, const std::string& table,
                    const std::string& file, ChangeKeys& keys, ProgressLine& progress) {
-    std::string line;
+    LineReader lines(in);
+    std::string_view line;
     std::string why;
     strRow row;
-    std::string columnList;
-    std::string valueList;
     std::string insert;
     std::size_t number = 0;
-    while (read_line(in, line)) {
+    while (lines.next(line)) {
         ++number;
         if (line.empty()) {
             continue;
@@ -286,18 +283,19 @@ void write_inserts(std::FILE* in, AtomicFile& out, const std::string& table,
         if (row.columns.empty()) {
             break;  // a row without columns ends the table
         }
-        insert_lists(row, columnList, valueList);
-        if (columnList.size() > kChangeListMax || valueList.size() > kChangeListMax) {
+        if (!insert_text(insert, table, row)) {
             refuse(table,
                    "line " + std::to_string(number) + " of " + file + " makes a column or value list longer than " +
                        std::to_string(kChangeListMax) + " characters");
         }
-        insert_text(insert, table, columnList, valueList);
         if (tracing(3)) {
             WRITE_TRACE(3, "%.*s", static_cast<int>(insert.size() - 1), insert.c_str());
         }
         std::fwrite(insert.data(), 1, insert.size(), out.stream());
         progress.advance();
+    }
+    if (lines.error() != 0) {
+        refuse(table, "cannot read " + file + ": " + std::strerror(lines.error()));
     }
 }
 

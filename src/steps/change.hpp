@@ -25,10 +25,11 @@ inline constexpr std::size_t kChangeListMax = 1999;      // the column or value 
 // value is cut to the size minus one.
 inline constexpr std::size_t kChangeKeySize = 256;
 
-// One column of a row.
+// One column of a row: views into the image line it was read from, or into
+// what add_entry was given, which must outlive the row.
 struct strColumns {
-    std::string column;
-    std::string value;  // as read; the word NULL stands for SQL NULL
+    std::string_view column;
+    std::string_view value;  // as read; the word NULL stands for SQL NULL
 };
 
 // One row. A row left without columns ends the table: rows behind it are
@@ -57,13 +58,14 @@ inline constexpr std::string_view kChangeScriptStart = "connect ravik_db\n";
 // applied twice. Fatal conditions end the run via FINISH.
 void db_change(std::string_view cpTable, bool rerun = false);
 
-// Reads the image line `line` into `row`. Returns false with the reason in
+// Reads the image line `line` into `row`, whose columns then point into it.
+// Returns false with the reason in
 // `why` when the line is malformed or beyond the limits (the German console
 // notice of a malformed line has then been printed).
 bool iRead_columns_and_values(std::string_view line, strRow& row, std::string& why);
 
 // Appends column `szColumn` with `szValue` to `row`.
-void add_entry(strRow& row, const std::string& szColumn, const std::string& szValue);
+void add_entry(strRow& row, std::string_view szColumn, std::string_view szValue);
 
 // Removes the first column named `szColumn` (case-sensitive) from `row`;
 // returns 1 when one was removed, else 0.

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 
@@ -28,6 +29,24 @@ bool read_line(std::FILE* fp, std::string& line, LineFeed lf) {
         --size;
     }
     line.assign(raw, size);
+    return true;
+}
+
+bool LineReader::next(std::string_view& line) {
+    char* raw = buffer_.release();
+    errno = 0;
+    const ssize_t got = ::getline(&raw, &capacity_, fp_);
+    buffer_.reset(raw);
+    if (got < 0) {
+        if (std::ferror(fp_)) {
+            error_ = errno != 0 ? errno : EIO;
+        }
+        return false;
+    }
+    line = std::string_view(raw, static_cast<std::size_t>(got));
+    if (!line.empty() && line.back() == '\n') {
+        line.remove_suffix(1);
+    }
     return true;
 }
 

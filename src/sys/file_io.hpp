@@ -4,8 +4,10 @@
 #pragma once
 
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace rv {
@@ -35,6 +37,31 @@ bool read_piece(std::FILE* fp, std::string& piece, std::size_t max);
 // Reads the next line of `fp` into `line`, whole, with or without its line
 // feed. Returns false at end of input with nothing read.
 bool read_line(std::FILE* fp, std::string& line, LineFeed lf = LineFeed::drop);
+
+// The lines of a stream one after the other, of any length, each a view
+// into the reader's buffer that stays valid until the next call.
+class LineReader {
+  public:
+    // Reads `fp`, which must outlive the reader.
+    explicit LineReader(std::FILE* fp) : fp_(fp) {}
+
+    // The next line, without its line feed; false at the end of input or on
+    // a read error (see error()).
+    bool next(std::string_view& line);
+
+    // The errno of a failed read, 0 when there was none.
+    int error() const { return error_; }
+
+  private:
+    struct MallocFree {
+        void operator()(char* p) const { std::free(p); }
+    };
+
+    std::FILE* fp_;
+    std::unique_ptr<char, MallocFree> buffer_;
+    std::size_t capacity_ = 0;
+    int error_ = 0;
+};
 
 // Counts the line feeds of a file as far as it is written: a file that
 // another process is still writing can be counted again and again, each

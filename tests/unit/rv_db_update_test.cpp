@@ -202,6 +202,13 @@ TEST_F(RvDbUpdate, DumpChangeImportAndExportThroughTheirChildren) {
     EXPECT_TRUE(out.ends_with("\n\nKein Token '=' verfuegbar.\nSTATUS=ERROR MSG=db_change: line 1 of " + work +
                               "db_media.tmp holds an element without name=value: x; table media not changed\n"))
         << out;
+    // An image that cannot be read to its end gives no script.
+    fs::remove(work + "rv_db_update.journal");
+    fs::remove(work + "db_media.tmp");
+    fs::create_directories(work + "db_media.tmp");
+    EXPECT_EQ(run({"update"}), 2);
+    EXPECT_TRUE(out.ends_with("STATUS=ERROR MSG=db_change: cannot read " + work + "db_media.tmp: Is a directory; "
+                              "table media not changed\n")) << out;
 }
 
 // A whole update script through the real shell: nested sections, conditions, rmdir, skip, exit, a missing
