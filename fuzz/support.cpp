@@ -36,7 +36,7 @@ rvtest::Sandbox& sandbox() { return fixture().box; }
 
 RefusingRunner& runner() { return fixture().refusing; }
 
-bool plain_identifier(const std::string& name) {
+bool plain_identifier(std::string_view name) {
     const auto start = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; };
     if (name.empty() || !start(name[0])) {
         return false;

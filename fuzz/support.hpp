@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/sandbox.hpp"
@@ -45,6 +46,6 @@ RefusingRunner& runner();
 
 // True when `name` is a plain identifier as the loader's INSERT parser
 // takes it: a letter or '_', then letters, digits, '_' or '$'.
-bool plain_identifier(const std::string& name);
+bool plain_identifier(std::string_view name);
 
 }  // namespace rvfuzz
