@@ -68,7 +68,7 @@ AtomicFile::AtomicFile(std::string target)
         failed("cannot write ", temp_, errno);
         return;
     }
-    buffer_ = std::make_unique<char[]>(kAtomicFileBuffer);
+    buffer_ = std::make_unique_for_overwrite<char[]>(kAtomicFileBuffer);
     if (std::setvbuf(fp_, buffer_.get(), _IOFBF, kAtomicFileBuffer) != 0) {
         buffer_.reset();  // the stream keeps a buffer of its own
     }

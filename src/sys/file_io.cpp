@@ -1,5 +1,6 @@
 #include "sys/file_io.hpp"
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -52,8 +53,10 @@ bool LineReader::next(std::string_view& line) {
 
 FilePtr open_sequential(const std::string& path) {
     FilePtr fp(std::fopen(path.c_str(), "r"));
-    if (fp) {
-        auto buffer = std::make_unique<char[]>(kSequentialBuffer);
+    // A file the stream's own buffer holds a few times over needs no other.
+    struct stat st {};
+    if (fp && (::fstat(fileno(fp.get()), &st) != 0 || st.st_size > 4 * BUFSIZ)) {
+        auto buffer = std::make_unique_for_overwrite<char[]>(kSequentialBuffer);
         if (std::setvbuf(fp.get(), buffer.get(), _IOFBF, kSequentialBuffer) == 0) {
             fp.get_deleter().buffer = std::move(buffer);
         }
