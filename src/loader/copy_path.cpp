@@ -78,15 +78,10 @@ bool fits_copy(const Statement& statement, bool scs_on) {
     return statement.kind == ScriptLineKind::Insert && values_as_bytes(statement, scs_on);
 }
 
-// Hands the rest of `data` to the COPY open on `session` and ends it.
-void end_data(Session& session, std::string& data) {
+// Ends the data of the COPY open on `session`.
+void end_data(Session& session) {
     PGconn* conn = session.get();
     int ended = 0;
-    while (!data.empty() &&
-           (ended = PQputCopyData(conn, data.data(), static_cast<int>(data.size()))) == 0) {
-        session.flush_all();
-    }
-    data.clear();
     while ((ended = PQputCopyEnd(conn, nullptr)) == 0) {
         session.flush_all();
     }
@@ -180,19 +175,21 @@ bool CopyPath::table_takes_copy(int index) {
 }
 
 bool CopyPath::continues(const Statement& statement) const {
-    return open() && statement.prepared == run_.front().prepared && !full();
+    return open() && statement.prepared == shape_ && !full();
 }
 
-void CopyPath::add(std::vector<Statement>& batch, std::size_t lo, std::size_t hi) {
+void CopyPath::add(const std::vector<Statement>& batch, std::size_t lo, std::size_t hi) {
     if (!open()) {
         if (PQexitPipelineMode(session_.get()) != 1) {
             session_.lost();
         }
         run_.reserve(kCopyRows);
+        shape_ = batch[lo].prepared;
     }
     for (std::size_t i = lo; i < hi; ++i) {
-        run_bytes_ += batch[i].text.size();
-        run_.push_back(std::move(batch[i]));
+        run_.push_back(Row{batch[i].line, texts_.size(), copy_text_.size()});
+        texts_ += batch[i].text;
+        append_copy_row(batch[i], copy_text_);
     }
     reported_.resize(run_.size(), false);
     pump();
@@ -207,8 +204,10 @@ std::size_t CopyPath::finish(bool durable) {
     commit(durable);
     const std::size_t line = run_.back().line;
     run_.clear();
+    texts_.clear();
+    copy_text_.clear();
     reported_.clear();
-    run_bytes_ = 0;
+    shape_ = -1;
     begun_ = refused_ = false;
     savepoint_ = Savepoint::None;
     from_ = next_ = known_ = failed_ = 0;
@@ -225,7 +224,7 @@ bool CopyPath::open_copy() {
         before = position_ != nullptr ? 2 : 1;
     }
     commands += kSavepoint;
-    commands += "COPY " + shapes_[run_.front().prepared].head + " FROM STDIN";
+    commands += "COPY " + shapes_[shape_].head + " FROM STDIN";
     ++before;
     begun_ = true;
     if (PQsendQuery(conn, commands.c_str()) == 0) {
@@ -248,7 +247,7 @@ bool CopyPath::open_copy() {
             while (Result(PQgetResult(conn))) {
             }
             savepoint_ = Savepoint::Failed;  // the COPY itself is refused: its rows go as statements
-            shapes_[run_.front().prepared].copy = 0;
+            shapes_[shape_].copy = 0;
             return false;
         }
         if (is_failure(status)) {
@@ -261,13 +260,12 @@ bool CopyPath::open_copy() {
     }
 }
 
-bool CopyPath::put() {
+bool CopyPath::put(std::string_view data) {
     PGconn* conn = session_.get();
     int queued = 0;
-    while ((queued = PQputCopyData(conn, data_.data(), static_cast<int>(data_.size()))) == 0) {
+    while ((queued = PQputCopyData(conn, data.data(), static_cast<int>(data.size()))) == 0) {
         flush();
     }
-    data_.clear();
     return queued < 0 || flush();
 }
 
@@ -277,8 +275,16 @@ bool CopyPath::send_rows(std::size_t& i, std::size_t end) {
             ++i;
             continue;
         }
-        append_copy_row(run_[i++], data_);
-        if (data_.size() >= kCopyChunk && put()) {
+        // Rows next to each other have their COPY lines next to each other:
+        // up to a chunk of them goes in one piece.
+        const std::size_t from = run_[i].copy;
+        std::size_t upto = i + 1;
+        while (upto < end && !reported_[upto] && copy_end(upto) - from <= kCopyChunk) {
+            ++upto;
+        }
+        const std::size_t size = copy_end(upto - 1) - from;
+        i = upto;
+        if (put(std::string_view(copy_text_).substr(from, size))) {
             return true;
         }
     }
@@ -288,7 +294,7 @@ bool CopyPath::send_rows(std::size_t& i, std::size_t end) {
 void CopyPath::pump() {
     while (next_ < run_.size()) {
         if (refused_) {
-            insert_alone(run_[next_++]);
+            insert_alone(next_++);
             continue;
         }
         if (!attempt_open_) {
@@ -308,7 +314,7 @@ void CopyPath::pump() {
 }
 
 void CopyPath::close_attempt() {
-    end_data(session_, data_);
+    end_data(session_);
     attempt_open_ = false;
     const Attempt done = end_copy(from_, next_);
     next_ = recover(from_, done, true);
@@ -348,7 +354,7 @@ std::size_t CopyPath::recover(std::size_t lo, const Attempt& done, bool trust_ro
         return done.sent;
     }
     if (done.row && done.error) {
-        outcome_.report(run_[*done.row], *done.error);
+        outcome_.report(run_[*done.row].line, text(*done.row), *done.error);
         reported_[*done.row] = true;
         ++failed_;
         known_ = *done.row + 1;
@@ -358,7 +364,7 @@ std::size_t CopyPath::recover(std::size_t lo, const Attempt& done, bool trust_ro
         // The server loaded the rows before it: they go again, and are not
         // believed to name their failing row once more.
         load(lo, *done.row, false);
-        insert_alone(run_[*done.row]);
+        insert_alone(*done.row);
         return *done.row + 1;
     }
     const std::size_t mid = lo + (done.sent - lo) / 2;
@@ -374,7 +380,7 @@ void CopyPath::load(std::size_t lo, std::size_t hi, bool trust_row) {
             continue;
         }
         if (hi - lo == 1 || refused_) {
-            insert_alone(run_[lo++]);
+            insert_alone(lo++);
             continue;
         }
         if (!open_copy()) {
@@ -383,7 +389,7 @@ void CopyPath::load(std::size_t lo, std::size_t hi, bool trust_row) {
         }
         std::size_t sent = lo;
         send_rows(sent, std::min(hi, lo + window_));
-        end_data(session_, data_);
+        end_data(session_);
         lo = recover(lo, end_copy(lo, sent), trust_row);
         trust_row = true;
     }
@@ -405,16 +411,25 @@ std::string CopyPath::leave_savepoint(int& count) {
     return left == Savepoint::Loaded ? kRelease : left == Savepoint::Failed ? kRollback : "";
 }
 
-void CopyPath::insert_alone(const Statement& statement) {
+std::size_t CopyPath::copy_end(std::size_t i) const {
+    return i + 1 < run_.size() ? run_[i + 1].copy : copy_text_.size();
+}
+
+std::string_view CopyPath::text(std::size_t i) const {
+    const std::size_t end = i + 1 < run_.size() ? run_[i + 1].text : texts_.size();
+    return std::string_view(texts_).substr(run_[i].text, end - run_[i].text);
+}
+
+void CopyPath::insert_alone(std::size_t i) {
     int count = 0;
     std::string commands = leave_savepoint(count);
     commands += kSavepoint;
-    commands += statement.text;
+    commands += text(i);
     count += 2;
     savepoint_ = Savepoint::Loaded;
     if (const std::optional<std::string> error = run(commands, count)) {
         savepoint_ = Savepoint::Failed;
-        outcome_.report(statement, *error);
+        outcome_.report(run_[i].line, text(i), *error);
         ++failed_;
     }
 }

@@ -73,15 +73,15 @@ class CopyPath {
     bool continues(const Statement& statement) const;
 
     // The run holds as many rows, or as much text, as it may.
-    bool full() const { return run_.size() >= kCopyRows || run_bytes_ >= kUnitBytes; }
+    bool full() const { return run_.size() >= kCopyRows || texts_.size() >= kUnitBytes; }
 
     // The script line of the open run's first statement.
     std::size_t first_line() const { return run_.front().line; }
 
-    // Moves statements [lo, hi) of `batch` (as run_end found them, of the
-    // open run's shape when one is open) into the run, beginning one when
+    // Adds statements [lo, hi) of `batch` (as run_end found them, of the
+    // open run's shape when one is open) to the run, beginning one when
     // none is open, and sends them. Throws Stop when the connection is lost.
-    void add(std::vector<Statement>& batch, std::size_t lo, std::size_t hi);
+    void add(const std::vector<Statement>& batch, std::size_t lo, std::size_t hi);
 
     // Loads what is left of the open run, reports its failing rows and
     // commits it, waiting for the disk when `durable`; returns the script
@@ -117,8 +117,8 @@ class CopyPath {
     // waits for the server to take data; false when it refused the COPY.
     bool open_copy();
 
-    // Hands the COPY text to libpq; true when the server spoke meanwhile.
-    bool put();
+    // Hands COPY text `data` to libpq; true when the server spoke meanwhile.
+    bool put(std::string_view data);
 
     // Appends rows [i, end) of the run to the COPY text, handing it on in
     // chunks, leaving out the rows reported already; stops early, with true,
@@ -151,9 +151,15 @@ class CopyPath {
     // statement), leaving out the rows reported already.
     void load(std::size_t lo, std::size_t hi, bool trust_row);
 
-    // Runs `statement` by itself as an INSERT under the savepoint; reports
-    // it when it fails.
-    void insert_alone(const Statement& statement);
+    // Where the COPY text of row `i` of the run ends.
+    std::size_t copy_end(std::size_t i) const;
+
+    // The statement text of row `i` of the run.
+    std::string_view text(std::size_t i) const;
+
+    // Runs row `i` of the run by itself as its INSERT statement under the
+    // savepoint; reports it when it fails.
+    void insert_alone(std::size_t i);
 
     // Runs `commands`: the message of the failure of its `may_fail`th
     // result (1 on), if that one failed; throws Stop on any other failure.
@@ -170,8 +176,19 @@ class CopyPath {
     InsertShapes& shapes_;
     Outcome& outcome_;
     PositionFile* position_;
-    std::vector<Statement> run_;      // the open run
-    std::size_t run_bytes_ = 0;       // its statement text
+    // A row of the open run: its script line, and where its statement and
+    // its line of COPY text begin in texts_ and copy_text_ (each ends where
+    // the next row's begins).
+    struct Row {
+        std::size_t line = 0;
+        std::size_t text = 0;
+        std::size_t copy = 0;
+    };
+
+    std::vector<Row> run_;            // the open run
+    int shape_ = -1;                  // its shape
+    std::string texts_;               // its statements, one after the other
+    std::string copy_text_;           // its rows as COPY text
     bool begun_ = false;              // its transaction is open
     bool refused_ = false;            // the server refused its COPY: rows go as statements
     bool attempt_open_ = false;       // an attempt at rows [from_, next_) takes data
@@ -183,7 +200,6 @@ class CopyPath {
     std::size_t failed_ = 0;          // rows of the run that failed
     std::uint64_t xid_ = 0;           // the run's transaction
     Savepoint savepoint_ = Savepoint::None;  // what the last attempt left
-    std::string data_;                // COPY text not handed to libpq yet
 };
 
 }  // namespace rv

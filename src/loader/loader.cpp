@@ -187,7 +187,7 @@ Unit Loader::run_batch(Unit unit) {
         bool copy = false;
         const std::size_t hi = part_end(batch, lo, copy);
         if (copy) {
-            copy_.add(batch, lo, hi);  // the statements move into the run
+            copy_.add(batch, lo, hi);
         } else {
             end_copy_run(false);
             pipeline_.start(batch, lo, hi, durable && hi == batch.size());

@@ -8,19 +8,19 @@
 
 namespace rv {
 
-void Outcome::report(const Statement& statement, const std::string& message) {
+void Outcome::report(std::size_t number, std::string_view text, const std::string& message) {
     // The line ends at a NUL byte of the statement, as printed text would;
     // the line breaks of a statement over several lines become blanks.
-    std::string line = "Error in line " + std::to_string(statement.line) + ": ";
+    std::string line = "Error in line " + std::to_string(number) + ": ";
     line.append(message.c_str());
     if (echo_statement_) {
         const std::size_t start = line.append(" | statement: ").size();
-        line.append(statement.text.c_str());
+        line.append(text.substr(0, text.find('\0')));
         std::replace_if(line.begin() + static_cast<std::ptrdiff_t>(start), line.end(),
                         [](char c) { return c == '\n' || c == '\r'; }, ' ');
     }
     if (position_ != nullptr) {
-        position_->error(statement.line, line);
+        position_->error(number, line);
     }
     report_again(line);
 }

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "loader/position.hpp"
 #include "loader/script.hpp"
@@ -25,7 +26,13 @@ class Outcome {
         : out_(out), echo_statement_(echo_statement), position_(position) {}
 
     // Counts `statement` as failed, its Error line with `message` held back.
-    void report(const Statement& statement, const std::string& message);
+    void report(const Statement& statement, const std::string& message) {
+        report(statement.line, statement.text, message);
+    }
+
+    // Counts the statement `text` of script line `line` as failed, its Error
+    // line with `message` held back.
+    void report(std::size_t line, std::string_view text, const std::string& message);
 
     // Counts a failure of an interrupted run as failed, its Error line
     // `line` (no line feed) held back.
