@@ -155,6 +155,29 @@ TEST_F(DbLoader, FailingStatementsAreReportedAloneAndTheRestCommittedOnce) {
                                                        "exist\noaisql: 301 statements, 291 succeeded, 10 failed\n"));
     EXPECT_EQ(value("select count(*) || ' ' || count(distinct seq) || ' ' || sum(seq) from ev"),
               "291 291 " + std::to_string(300 * 301 / 2 - 37 * (1 + 2 + 3 + 4 + 5 + 6 + 7 + 8) - 299));
+
+    // Failures scattered over a long COPY run, alone and in a burst of 39,
+    // while its attempts shrink and grow: the Error lines and rows of the
+    // statements.
+    std::string many;
+    int failing = 0;
+    for (int i = 1, id = 0; i <= 6000; ++i) {
+        const bool dup = id > 0 && ((static_cast<unsigned>(i) * 2654435761u) % 97 == 0 || (i > 3000 && i < 3040));
+        failing += dup ? 1 : 0;
+        many += "INSERT INTO media (id,label) VALUES ('" + std::to_string(dup ? id : ++id) + "','L" +
+                std::to_string(i) + "');\n";
+    }
+    std::optional<std::tuple<int, std::string, std::string>> by_statements;
+    for (const Lines& args : {Lines{"-s"}, Lines{}, Lines{"-b", "7"}}) {
+        pg_query("ravik_db", "truncate media");
+        const auto run = load(many, args);
+        const auto got = std::make_tuple(run.status, run.out, value("select count(*) || ' ' || md5(string_agg(id || "
+                                                                 "label, ',' order by id)) from media"));
+        if (!by_statements) by_statements = got;
+        EXPECT_EQ(got, *by_statements) << ::testing::PrintToString(args);
+    }
+    EXPECT_TRUE(std::get<1>(*by_statements).ends_with(std::to_string(6000 - failing) + " succeeded, " +
+                                                      std::to_string(failing) + " failed\n")) << failing;
 }
 
 TEST_F(DbLoader, CopyLoadsWhatTheStatementsWouldAndLeavesTablesItWouldChangeToThem) {
