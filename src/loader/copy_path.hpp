@@ -194,7 +194,7 @@ class CopyPath {
     bool attempt_open_ = false;       // an attempt at rows [from_, next_) takes data
     std::size_t from_ = 0;
     std::size_t next_ = 0;            // the first row of the run not sent or loaded yet
-    std::size_t known_ = 0;           // rows before it loaded or reported, when the attempt does
+    std::size_t known_ = 0;           // rows [from_, known_) pass: the last, failing, was reported
     std::vector<bool> reported_;      // rows of the run that failed already
     std::size_t window_ = kCopyRows;  // rows an attempt sends: shrinks after failures
     std::size_t failed_ = 0;          // rows of the run that failed
