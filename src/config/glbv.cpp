@@ -128,9 +128,10 @@ GlbvResult write_variable(const std::string& file, const std::string& name, cons
 }
 
 GlbvResult read_variable(const std::string& file, const std::string& name, bool remove_after) {
-    // Opened for writing too: a variable without write permission counts as missing.
-    FilePtr fp(std::fopen(file.c_str(), "r+"));
-    if (!fp) {
+    // Opened for writing too: a variable without write permission counts as
+    // missing. Read through a buffer of its own: a value is a line or two.
+    const int fd = ::open(file.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
         const int err = errno;
         GlbvResult failure{GlbvStatus::missing, "?? GLBV " + name + " not existing"};
         if (err != ENOENT) {
@@ -147,20 +148,31 @@ GlbvResult read_variable(const std::string& file, const std::string& name, bool 
     // kGlbvValueMax is cut to that length and marked with '>' at its end.
     std::string collected;
     bool any = false;
-    int c = 0;
-    while ((c = std::getc(fp.get())) != EOF) {
-        any = true;
-        if (c == '\n') {
+    bool cut = false;
+    char buffer[512];
+    while (!cut) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) {
             continue;
         }
-        collected.push_back(static_cast<char>(c));
-        if (collected.size() > kGlbvValueMax) {
-            collected.resize(kGlbvValueMax);
-            collected.back() = '>';
-            break;
+        if (n <= 0) {
+            break;  // a read error ends the value as the end of the file would
+        }
+        any = true;
+        for (const char c : std::string_view(buffer, static_cast<std::size_t>(n))) {
+            if (c == '\n') {
+                continue;
+            }
+            collected.push_back(c);
+            if (collected.size() > kGlbvValueMax) {
+                collected.resize(kGlbvValueMax);
+                collected.back() = '>';
+                cut = true;
+                break;
+            }
         }
     }
-    fp.reset();
+    ::close(fd);
 
     if (remove_after) {
         std::remove(file.c_str());
