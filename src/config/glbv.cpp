@@ -16,7 +16,6 @@
 #include "config/ini.hpp"
 #include "log/prot.hpp"
 #include "sys/strings.hpp"
-#include "sys/file_io.hpp"
 
 namespace rv {
 

@@ -3,7 +3,6 @@
 #include "loader/script.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <utility>
 

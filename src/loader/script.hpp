@@ -5,8 +5,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdlib>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
