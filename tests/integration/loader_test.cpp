@@ -199,7 +199,7 @@ TEST_F(DbLoader, CopyLoadsWhatTheStatementsWouldAndLeavesTablesItWouldChangeToTh
              "create trigger per_row after insert on ar for each row execute function count_ar()");
     // Values COPY text has to escape: a backslash (before n, before N and
     // alone), a tab, line breaks in the literal, apostrophes, empty and NULL;
-    // a duplicate key in the middle of the run; 20 plain rows make it a run.
+    // two duplicate keys in the middle of the run; 20 plain rows make it a run.
     const char* values[] = {"'back\\slash \\n \\N'", "'\\N'", "'tab\there'", "'two\nlines\r\n'", "'it''s'", "''",
                             "NULL", "'\\'"};
     std::string script, errors;
@@ -215,7 +215,8 @@ TEST_F(DbLoader, CopyLoadsWhatTheStatementsWouldAndLeavesTablesItWouldChangeToTh
     plain_rows("st");
     plain_rows("ar");
     for (int i = 1; i <= 20; ++i)  // row 10 refers to the row behind it
-        script += "INSERT INTO sr (id,up) VALUES ('" + std::to_string(i) + "'," + (i == 1 ? "NULL" : i == 10 ? "'11'" : "'1'") + ");\n";
+        script += "INSERT INTO sr (id,up) VALUES ('" + std::to_string(i) + "'," +
+                  (i == 1 ? "NULL" : i == 10 ? "'11'" : "'1'") + ");\n";
     const int line_15 = 20 + 15 + 2;  // behind the rows of ru and two line breaks of row 4
     const auto dup = [](int line, int id) {
         return "Error in line " + std::to_string(line) + ": duplicate key value violates unique constraint "
