@@ -15,6 +15,7 @@
 
 #include "config/ini.hpp"
 #include "log/prot.hpp"
+#include "sys/file_io.hpp"
 #include "sys/strings.hpp"
 
 namespace rv {
@@ -128,10 +129,26 @@ GlbvResult write_variable(const std::string& file, const std::string& name, cons
 
 GlbvResult read_variable(const std::string& file, const std::string& name, bool remove_after) {
     // Opened for writing too: a variable without write permission counts as
-    // missing. Read through a buffer of its own: a value is a line or two.
-    const int fd = ::open(file.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0) {
-        const int err = errno;
+    // missing. The lines are joined without their line feeds. A value longer
+    // than kGlbvValueMax is cut to that length and marked with '>' at its end.
+    std::string collected;
+    bool any = false;
+    const int err = read_pieces(file, O_RDWR, [&collected, &any](std::string_view piece) {
+        any = true;
+        for (const char c : piece) {
+            if (c == '\n') {
+                continue;
+            }
+            collected.push_back(c);
+            if (collected.size() > kGlbvValueMax) {
+                collected.resize(kGlbvValueMax);
+                collected.back() = '>';
+                return false;
+            }
+        }
+        return true;
+    });
+    if (err != 0) {
         GlbvResult failure{GlbvStatus::missing, "?? GLBV " + name + " not existing"};
         if (err != ENOENT) {
             std::fprintf(stderr, "glbv() read %s failed: %s (%d)\n", file.c_str(), std::strerror(err), err);
@@ -142,37 +159,6 @@ GlbvResult read_variable(const std::string& file, const std::string& name, bool 
         }
         return failure;
     }
-
-    // The lines are joined without their line feeds. A value longer than
-    // kGlbvValueMax is cut to that length and marked with '>' at its end.
-    std::string collected;
-    bool any = false;
-    bool cut = false;
-    char buffer[512];
-    while (!cut) {
-        const ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;  // a read error ends the value as the end of the file would
-        }
-        any = true;
-        for (const char c : std::string_view(buffer, static_cast<std::size_t>(n))) {
-            if (c == '\n') {
-                continue;
-            }
-            collected.push_back(c);
-            if (collected.size() > kGlbvValueMax) {
-                collected.resize(kGlbvValueMax);
-                collected.back() = '>';
-                cut = true;
-                break;
-            }
-        }
-    }
-    ::close(fd);
-
     if (remove_after) {
         std::remove(file.c_str());
     }

@@ -1,13 +1,12 @@
 #include "config/ini.hpp"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cctype>
-#include <cerrno>
 #include <cstdlib>
 #include <vector>
+
+#include "sys/file_io.hpp"
 
 namespace rv {
 
@@ -26,28 +25,11 @@ enum class Lookup { found, failed, too_deep };
 // memory. False when it cannot be opened; a read error ends the text there,
 // as the end of the file would.
 bool read_whole(const std::string& file, std::string& text) {
-    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    struct stat info {};
     text.clear();
-    if (::fstat(fd, &info) == 0 && info.st_size > 0) {
-        text.reserve(static_cast<std::size_t>(info.st_size));
-    }
-    char buffer[4096];
-    for (;;) {
-        const ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        text.append(buffer, static_cast<std::size_t>(n));
-    }
-    ::close(fd);
-    return true;
+    return read_pieces(file, O_RDONLY, [&text](std::string_view piece) {
+        text.append(piece);
+        return true;
+    }) == 0;
 }
 
 // The next piece of a line of `text` from `at` on: up to the line feed, but

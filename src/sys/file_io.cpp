@@ -1,7 +1,9 @@
 #include "sys/file_io.hpp"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -31,6 +33,27 @@ bool read_line(std::FILE* fp, std::string& line, LineFeed lf) {
     }
     line.assign(raw, size);
     return true;
+}
+
+int read_pieces(const std::string& path, int flags, const std::function<bool(std::string_view)>& take) {
+    const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
+    }
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
+    char buffer[4096];
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0 || !take(std::string_view(buffer, static_cast<std::size_t>(n)))) {
+            return 0;
+        }
+    }
 }
 
 bool LineReader::next(std::string_view& line) {

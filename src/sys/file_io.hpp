@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -37,6 +38,12 @@ bool read_piece(std::FILE* fp, std::string& piece, std::size_t max);
 // Reads the next line of `fp` into `line`, whole, with or without its line
 // feed. Returns false at end of input with nothing read.
 bool read_line(std::FILE* fp, std::string& line, LineFeed lf = LineFeed::drop);
+
+// Reads the file `path`, opened with `flags` (close-on-exec added), from its
+// start, handing each piece read to `take`, until the end, a read error
+// (which ends it as the end would) or `take` returns false. Returns 0, or
+// the errno of a failed open.
+int read_pieces(const std::string& path, int flags, const std::function<bool(std::string_view)>& take);
 
 // The lines of a stream one after the other, of any length, each a view
 // into the reader's buffer that stays valid until the next call.
