@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -23,6 +22,9 @@ namespace {
 
 // COPY text handed to libpq at once.
 constexpr std::size_t kCopyChunk = 64 * 1024;
+
+// The first server version that takes a condition on COPY's rows.
+constexpr int kCopyWhereVersion = 120000;
 
 constexpr const char* kSavepoint = "SAVEPOINT oaisql_copy; ";
 constexpr const char* kRelease = "RELEASE SAVEPOINT oaisql_copy; ";
@@ -93,61 +95,6 @@ void end_data(Session& session) {
 
 }  // namespace
 
-std::optional<std::size_t> copy_failure_row(std::string_view context) {
-    // The COPY's own line is the last of the context; functions it called
-    // come before it.
-    std::size_t at = 0;
-    for (std::size_t start = 0; start < context.size();) {
-        const std::size_t end = std::min(context.find('\n', start), context.size());
-        if (context.substr(start, 5) == "COPY ") {
-            at = start;
-        }
-        start = end + 1;
-    }
-    if (context.substr(at, 5) != "COPY ") {
-        return std::nullopt;
-    }
-    const std::string_view line = context.substr(at, context.find('\n', at) - at);
-    const std::size_t comma = line.find(',');  // a table name of the script holds none
-    const std::size_t digit = line.find_first_of("0123456789", comma);
-    if (comma == std::string_view::npos || digit == std::string_view::npos) {
-        return std::nullopt;
-    }
-    std::size_t row = 0;
-    const auto [end, ec] = std::from_chars(line.data() + digit, line.data() + line.size(), row);
-    if (ec != std::errc() || row == 0) {
-        return std::nullopt;
-    }
-    return row;
-}
-
-void append_copy_row(const Statement& statement, std::string& data) {
-    bool first = true;
-    for (const std::optional<std::string>& value : statement.values) {
-        if (!first) {
-            data += '\t';
-        }
-        first = false;
-        if (!value) {
-            data += "\\N";
-            continue;
-        }
-        std::size_t from = 0;
-        for (std::size_t i = 0; i < value->size(); ++i) {
-            const char c = (*value)[i];
-            if (c != '\\' && c != '\t' && c != '\n' && c != '\r') {
-                continue;
-            }
-            data.append(*value, from, i - from);
-            data += '\\';
-            data += c == '\t' ? 't' : c == '\n' ? 'n' : c == '\r' ? 'r' : '\\';
-            from = i + 1;
-        }
-        data.append(*value, from, std::string::npos);
-    }
-    data += '\n';
-}
-
 std::size_t CopyPath::run_end(const std::vector<Statement>& batch, std::size_t i) {
     const Statement& first = batch[i];
     if (!fits_copy(first, session_.scs_on()) || !table_takes_copy(first.prepared)) {
@@ -203,6 +150,7 @@ std::size_t CopyPath::finish(bool durable) {
     }
     commit(durable);
     const std::size_t line = run_.back().line;
+    base_ += run_.size();
     run_.clear();
     texts_.clear();
     copy_text_.clear();
@@ -225,6 +173,11 @@ bool CopyPath::open_copy() {
     }
     commands += kSavepoint;
     commands += "COPY " + shapes_[shape_].head + " FROM STDIN";
+    if (size_.rows() < kRowAtATime && PQserverVersion(conn) >= kCopyWhereVersion) {
+        // A condition the server cannot answer beforehand (it has no
+        // effect) makes it store each row as it comes.
+        commands += " WHERE pg_catalog.clock_timestamp() IS NOT NULL";
+    }
     ++before;
     begun_ = true;
     if (PQsendQuery(conn, commands.c_str()) == 0) {
@@ -232,6 +185,7 @@ bool CopyPath::open_copy() {
     }
     flush();
     for (int seen = 0;; ++seen) {
+        await();
         const Result result(PQgetResult(conn));
         const ExecStatusType status = result ? PQresultStatus(result.get()) : PGRES_FATAL_ERROR;
         if (!result || PQstatus(conn) == CONNECTION_BAD) {
@@ -306,7 +260,8 @@ void CopyPath::pump() {
         // Rows known to pass (those before a failing row named) go again;
         // new rows join them while they are fewer than a window.
         const std::size_t known = std::max(from_, known_);
-        const std::size_t limit = known - from_ >= window_ ? known : known + window_;
+        const std::size_t window = size_.rows();
+        const std::size_t limit = known - from_ >= window ? known : known + window;
         if (send_rows(next_, std::min(run_.size(), limit)) || next_ == limit) {
             close_attempt();
         }
@@ -322,6 +277,7 @@ void CopyPath::close_attempt() {
 
 CopyPath::Attempt CopyPath::end_copy(std::size_t lo, std::size_t sent) {
     PGconn* conn = session_.get();
+    await();
     const Result result(PQgetResult(conn));
     if (!result || Result(PQgetResult(conn))) {
         session_.lost();
@@ -329,7 +285,7 @@ CopyPath::Attempt CopyPath::end_copy(std::size_t lo, std::size_t sent) {
     const ExecStatusType status = PQresultStatus(result.get());
     if (status == PGRES_COMMAND_OK) {
         savepoint_ = Savepoint::Loaded;
-        window_ = std::min(kCopyRows, window_ * 2);
+        size_.reached(base_ + sent);
         return Attempt{sent, false};
     }
     if (!is_failure(status) || PQstatus(conn) == CONNECTION_BAD) {
@@ -344,8 +300,7 @@ CopyPath::Attempt CopyPath::end_copy(std::size_t lo, std::size_t sent) {
         attempt.error = error_text(result.get());
     }
     savepoint_ = Savepoint::Failed;
-    // Where failures come often, shorter attempts send less again.
-    window_ = std::max(kCopyMinRows, window_ / 4);
+    size_.failed_at(base_ + attempt.row.value_or(lo));
     return attempt;
 }
 
@@ -388,7 +343,7 @@ void CopyPath::load(std::size_t lo, std::size_t hi, bool trust_row) {
             continue;
         }
         std::size_t sent = lo;
-        send_rows(sent, std::min(hi, lo + window_));
+        send_rows(sent, std::min(hi, lo + size_.rows()));
         end_data(session_);
         lo = recover(lo, end_copy(lo, sent), trust_row);
         trust_row = true;
@@ -403,6 +358,12 @@ std::optional<std::size_t> CopyPath::sent_row(std::size_t lo, std::size_t sent,
         }
     }
     return std::nullopt;
+}
+
+void CopyPath::await() {
+    while (!session_.answered() && read_on_()) {
+    }
+    session_.await_answer();
 }
 
 std::string CopyPath::leave_savepoint(int& count) {
@@ -441,6 +402,7 @@ std::optional<std::string> CopyPath::run(const std::string& commands, int may_fa
     }
     flush();
     std::optional<std::string> error;
+    await();
     for (int seen = 1; const Result result{PQgetResult(conn)}; ++seen) {
         if (!is_failure(PQresultStatus(result.get()))) {
             continue;

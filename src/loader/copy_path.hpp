@@ -24,11 +24,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "loader/copy_text.hpp"
 #include "loader/script.hpp"
 
 namespace rv {
@@ -38,27 +41,20 @@ class Outcome;
 class PositionFile;
 class Session;
 
-// The fewest rows worth a COPY: a shorter run goes as statements.
-inline constexpr std::size_t kCopyMinRows = 16;
-// Rows of a run read and loaded together through COPY, at most.
-inline constexpr std::size_t kCopyRows = 30000;
-
-// The row (1 on) that a failed COPY names in its context `context` ("COPY
-// <table>, line <n>..."), nullopt when it names none.
-std::optional<std::size_t> copy_failure_row(std::string_view context);
-
-// Appends the values of `statement` to `data` as one line of COPY text:
-// tab-separated, \N for NULL, backslash, tab, line feed and carriage return
-// escaped.
-void append_copy_row(const Statement& statement, std::string& data);
-
 class CopyPath {
   public:
     // Loads through `session` (open; its pipeline idle whenever no run is
     // open), the shapes of `shapes`, counting into `outcome` and recording
-    // each commit in `position` (when not null).
-    CopyPath(Session& session, InsertShapes& shapes, Outcome& outcome, PositionFile* position)
-        : session_(session), shapes_(shapes), outcome_(outcome), position_(position) {}
+    // each commit in `position` (when not null). While it waits for the
+    // server it calls `read_on`, which reads a statement of the script ahead
+    // and returns false when it read none.
+    CopyPath(Session& session, InsertShapes& shapes, Outcome& outcome, PositionFile* position,
+             std::function<bool()> read_on)
+        : session_(session),
+          shapes_(shapes),
+          outcome_(outcome),
+          position_(position),
+          read_on_(std::move(read_on)) {}
 
     // The end of the run of statements of `batch` from `i` that COPY may
     // load together (one shape, every row fit for COPY); `i` when there is
@@ -104,6 +100,10 @@ class CopyPath {
     // What the last attempt or statement left to do with its savepoint,
     // sent in front of the next command.
     enum class Savepoint { None, Loaded, Failed };
+
+    // Reads the script ahead until the server's answer is there or nothing
+    // is left to read, then has the session wait for it a short while.
+    void await();
 
     // The commands that release the savepoint left by the last attempt
     // (rolled back to it first when that failed); their count in `count`.
@@ -185,6 +185,8 @@ class CopyPath {
         std::size_t copy = 0;
     };
 
+    std::function<bool()> read_on_;   // reads the script ahead meanwhile
+
     std::vector<Row> run_;            // the open run
     int shape_ = -1;                  // its shape
     std::string texts_;               // its statements, one after the other
@@ -196,7 +198,8 @@ class CopyPath {
     std::size_t next_ = 0;            // the first row of the run not sent or loaded yet
     std::size_t known_ = 0;           // rows [from_, known_) pass: the last, failing, was reported
     std::vector<bool> reported_;      // rows of the run that failed already
-    std::size_t window_ = kCopyRows;  // rows an attempt sends: shrinks after failures
+    AttemptSize size_;                // rows an attempt sends
+    std::uint64_t base_ = 0;          // rows of the runs before this one
     std::size_t failed_ = 0;          // rows of the run that failed
     std::uint64_t xid_ = 0;           // the run's transaction
     Savepoint savepoint_ = Savepoint::None;  // what the last attempt left

@@ -57,7 +57,7 @@ class Loader {
           outcome_(out, options.echo_statement, position_.get()),
           pipeline_(session_, shapes_, outcome_, position_.get(),
                     std::max<std::size_t>(1, options.batch)),
-          copy_(session_, shapes_, outcome_, position_.get()),
+          copy_(session_, shapes_, outcome_, position_.get(), [this] { return units_.read_ahead(); }),
           resume_(std::move(resume)),
           count_(count_for_progress(options, err)),
           progress_(options.quiet ? -1 : ::fileno(err), options.file,

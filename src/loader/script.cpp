@@ -64,12 +64,32 @@ std::optional<Statement> UnitReader::read_statement() {
     return std::nullopt;
 }
 
+bool UnitReader::read_ahead() {
+    if (ahead_.size() >= batch_ || ahead_bytes_ >= kUnitBytes) {
+        return false;
+    }
+    std::optional<Statement> statement = read_statement();
+    if (!statement) {
+        return false;
+    }
+    ahead_bytes_ += statement->text.size();
+    ahead_.push_back(std::move(*statement));
+    return true;
+}
+
+std::optional<Statement> UnitReader::take() {
+    if (ahead_.empty()) {
+        return read_statement();
+    }
+    std::optional<Statement> first(std::move(ahead_.front()));
+    ahead_.pop_front();
+    ahead_bytes_ -= first->text.size();
+    return first;
+}
+
 Unit UnitReader::next() {
     Unit unit;
-    std::optional<Statement> first = std::exchange(pending_, std::nullopt);
-    if (!first) {
-        first = read_statement();
-    }
+    std::optional<Statement> first = take();
     if (!first) {
         return unit;
     }
@@ -86,12 +106,13 @@ Unit UnitReader::next() {
     unit.kind = Unit::Kind::Batch;
     std::size_t bytes = unit.statements.front().text.size();
     while (unit.statements.size() < batch_ && bytes < kUnitBytes) {
-        std::optional<Statement> more = read_statement();
+        std::optional<Statement> more = take();
         if (!more) {
             break;
         }
         if (more->kind != ScriptLineKind::Insert && more->kind != ScriptLineKind::Pipelined) {
-            pending_ = std::move(more);
+            ahead_bytes_ += more->text.size();
+            ahead_.push_front(std::move(*more));
             break;
         }
         bytes += more->text.size();

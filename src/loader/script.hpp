@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -79,6 +80,11 @@ class UnitReader {
     // The next unit; kind End at the end of the script or on a read error.
     Unit next();
 
+    // Reads one statement ahead for next(), while fewer than a batch are
+    // ahead; false when it read none (enough ahead, the end of the script
+    // or a read error). Lets the loader read while the server works.
+    bool read_ahead();
+
     // The errno of a failed read, 0 when there was none.
     int error() const { return reader_.error(); }
 
@@ -88,6 +94,9 @@ class UnitReader {
   private:
     std::optional<Statement> read_statement();
 
+    // The statement read ahead first, else the next one read.
+    std::optional<Statement> take();
+
     // Joins the lines after `first` to it while `quoting` is open; false on
     // a read error.
     bool join_lines(std::string_view first, Quoting& quoting);
@@ -96,7 +105,8 @@ class UnitReader {
     std::string joined_;  // the lines of the statement being read
     std::size_t batch_;
     InsertShapes& shapes_;
-    std::optional<Statement> pending_;  // read, but the start of the next unit
+    std::deque<Statement> ahead_;  // read, not taken yet
+    std::size_t ahead_bytes_ = 0;  // their text
 };
 
 // The statements of a script, counted for a progress line: how many, and

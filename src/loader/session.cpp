@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <string_view>
 #include <utility>
 
@@ -14,6 +15,11 @@
 namespace rv {
 
 namespace {
+
+// How long the loader asks for an answer before it sleeps until one comes:
+// on a virtual machine a sleep and the wake-up behind it may take longer
+// than the server needs to begin or end a COPY.
+constexpr std::chrono::microseconds kAwaitAnswer{500};
 
 // A transaction that must wait for the disk has to write to the log itself:
 // one that writes nothing (txid_current() alone) commits without waiting,
@@ -145,6 +151,29 @@ void Session::drain(const PGresult* result) {
         while (PQgetCopyData(conn, &data, 0) > 0) {
             PQfreemem(data);
         }
+    }
+}
+
+bool Session::answered() {
+    PGconn* conn = conn_.get();
+    if (PQisBusy(conn) == 0) {
+        return true;
+    }
+    // Asking the socket whether it has data takes none of its locks, which
+    // the server needs to send.
+    pollfd fd{PQsocket(conn), POLLIN, 0};
+    if (::poll(&fd, 1, 0) <= 0) {
+        return false;
+    }
+    if (PQconsumeInput(conn) == 0) {
+        lost();
+    }
+    return PQisBusy(conn) == 0;
+}
+
+void Session::await_answer() {
+    const auto until = std::chrono::steady_clock::now() + kAwaitAnswer;
+    while (!answered() && std::chrono::steady_clock::now() < until) {
     }
 }
 

@@ -73,6 +73,16 @@ class Session {
     // something while it waited.
     bool flush_all();
 
+    // Whether the answer to what was sent is complete (or the server
+    // spoke out of turn), reading what arrived without waiting. Throws Stop
+    // when the connection is lost.
+    bool answered();
+
+    // Reads for a short while whatever the server answers, so that the
+    // next PQgetResult finds it without sleeping; returns at once when an
+    // answer is complete. Throws Stop when the connection is lost.
+    void await_answer();
+
     // Throws Stop naming the database and the connection's last message.
     [[noreturn]] void lost() const;
 

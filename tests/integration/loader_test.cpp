@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "loader/position.hpp"
+#include "loader/session.hpp"
 #include "support/pgcluster.hpp"
 
 namespace {
@@ -338,8 +339,14 @@ TEST_F(DbLoader, EverythingAcknowledgedBeforeACrashIsThereAfterIt) {
     // a crash of the machine would show; here it is whether a commit waited
     // for its WAL that counts. The WAL writer is held, so that only such a
     // commit (or full WAL buffers) writes it: otherwise a commit that did not
-    // wait would be lost only by chance.
-    rvtest::write_file(file, ev_rows(300000, [](int i) { return i % 1000 == 0; }));
+    // wait would be lost only by chance. An advisory lock held here keeps
+    // the loader from ending before the crash: the script's last line waits
+    // for it, and its rows before take longer than the acknowledgements the
+    // crash waits for (one every 200 ms).
+    rvtest::write_file(file, ev_rows(600000, [](int i) { return i % 1000 == 0; }) + "SELECT pg_advisory_lock(4711);\n");
+    const rv::Connection holder(PQconnectdb("dbname=ravik_db"));
+    ASSERT_EQ(PQresultStatus(rv::Result(PQexec(holder.get(), "select pg_advisory_lock(4711)")).get()), PGRES_TUPLES_OK)
+        << PQerrorMessage(holder.get());
     const pid_t writer = std::stoi(value("select pid from pg_stat_activity where backend_type = 'walwriter'"));
     struct UpAgain {  // whatever happens, the other tests find the server up
         pid_t writer;

@@ -2,7 +2,7 @@
 // that may join a batch, directives, and server messages on one line.
 #include <gtest/gtest.h>
 
-#include "loader/copy_path.hpp"
+#include "loader/copy_text.hpp"
 #include "loader/insert_shapes.hpp"
 #include "loader/script.hpp"
 #include "loader/statement.hpp"
@@ -131,6 +131,30 @@ TEST(LoaderStatement, AStatementOverSeveralLinesIsOneKnownByItsFirstLine) {
                         {11, Kind::Insert, "INSERT INTO t (a) VALUES ('one');"}, {12, Kind::Alone, "open"}}));
     EXPECT_EQ(values, (std::vector<std::optional<std::string>>{"x\n\n-- y\r\nconnect z", "2", "{\"k\": \"v\n\"}", "one"}));
     EXPECT_EQ(units.lines(), 13u);
+
+    // Reading ahead (as the loader does while the server works) changes
+    // nothing of the units, and stops at a batch.
+    const auto units_of = [&file, &shapes](std::size_t batch, bool ahead) {
+        rv::UnitReader reader(rv::FilePtr(std::fopen(file.c_str(), "r")), batch, shapes);
+        std::vector<std::vector<std::size_t>> lines;
+        std::size_t most_ahead = 0;
+        for (;;) {
+            std::size_t now_ahead = 0;
+            while (ahead && reader.read_ahead()) ++now_ahead;
+            most_ahead = std::max(most_ahead, now_ahead);
+            const rv::Unit unit = reader.next();
+            if (unit.kind == rv::Unit::Kind::End) break;
+            lines.emplace_back();
+            for (const auto& statement : unit.statements) lines.back().push_back(statement.line);
+        }
+        EXPECT_LE(most_ahead, batch);
+        return lines;
+    };
+    for (const std::size_t batch : {1, 2, 100}) {
+        EXPECT_EQ(units_of(batch, true), units_of(batch, false)) << "batch " << batch;
+    }
+    EXPECT_EQ(units_of(2, false), (std::vector<std::vector<std::size_t>>{{}, {2, 7}, {9, 11}, {12}}));
+
     const auto count = rv::count_statements(file);
     ASSERT_TRUE(count);
     EXPECT_EQ(count->statements, 5u);
@@ -174,6 +198,23 @@ TEST(LoaderCopy, FailingRowsAndCopyText) {
         {"", std::nullopt},
     };
     for (const auto& [context, row] : contexts) EXPECT_EQ(rv::copy_failure_row(context), row) << context;
+
+    // A failure every 1,000 rows makes attempts of a few hundred rows; a long
+    // stretch without one lets them grow back; a failure in every row never
+    // makes them smaller than the least run worth a COPY.
+    rv::AttemptSize size;
+    EXPECT_EQ(size.rows(), rv::kCopyRows);
+    for (std::uint64_t row = 999; row < 100000; row += 1000) {
+        size.failed_at(row);
+        size.reached(row + 1000);
+    }
+    EXPECT_GT(size.rows(), 150u);
+    EXPECT_LT(size.rows(), 300u);
+    size.reached(50000000);
+    EXPECT_EQ(size.rows(), rv::kCopyRows);
+    for (std::uint64_t row = 50000000; row < 50000100; ++row) size.failed_at(row);
+    size.failed_at(7);  // behind the last failure: another session changed a row
+    EXPECT_EQ(size.rows(), rv::kCopyMinRows);
 
     rv::Statement row;
     row.values = {"a\\b", std::nullopt, "\\N", "t\tab", "two\nlines\r", "", "it's"};
