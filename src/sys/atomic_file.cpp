@@ -1,5 +1,6 @@
 #include "sys/atomic_file.hpp"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -63,9 +64,17 @@ std::vector<std::string> remove_abandoned_temporaries(const std::string& dir) {
 
 AtomicFile::AtomicFile(std::string target)
     : target_(std::move(target)), temp_(target_ + ".new." + std::to_string(getpid())) {
-    fp_ = std::fopen(temp_.c_str(), "w");
-    if (fp_ == nullptr) {
+    fd_ = ::open(temp_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd_ < 0) {
         failed("cannot write ", temp_, errno);
+        return;
+    }
+    fp_ = fopencookie(this, "w", cookie_io_functions_t{nullptr, write_out, nullptr, close_out});
+    if (fp_ == nullptr) {
+        const int err = errno;
+        ::close(fd_);
+        std::remove(temp_.c_str());
+        failed("cannot write ", temp_, err);
         return;
     }
     buffer_ = std::make_unique_for_overwrite<char[]>(kAtomicFileBuffer);
@@ -73,6 +82,31 @@ AtomicFile::AtomicFile(std::string target)
         buffer_.reset();  // the stream keeps a buffer of its own
     }
 }
+
+ssize_t AtomicFile::write_out(void* self, const char* data, std::size_t size) {
+    auto& file = *static_cast<AtomicFile*>(self);
+    for (std::size_t done = 0; done < size;) {
+        const ssize_t n = ::write(file.fd_, data + done, size - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            errno = n == 0 ? EIO : errno;
+            return -1;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    file.written_ += size;
+    if (file.written_ - file.behind_ >= kAtomicFileWriteBehind) {
+        // Only a request: the sync at the commit is what makes it sure.
+        ::sync_file_range(file.fd_, static_cast<off_t>(file.behind_),
+                          static_cast<off_t>(file.written_ - file.behind_), SYNC_FILE_RANGE_WRITE);
+        file.behind_ = file.written_;
+    }
+    return static_cast<ssize_t>(size);
+}
+
+int AtomicFile::close_out(void* self) { return ::close(static_cast<AtomicFile*>(self)->fd_); }
 
 bool AtomicFile::failed(const char* what, const std::string& file, int err) {
     why_ = what + file + ": " + std::strerror(err);
@@ -96,7 +130,7 @@ bool AtomicFile::commit() {
     if (fp_ == nullptr) {
         return false;
     }
-    bool ok = std::fflush(fp_) == 0 && fsync(fileno(fp_)) == 0;
+    bool ok = std::fflush(fp_) == 0 && fsync(fd_) == 0;
     int err = ok ? 0 : errno;
     if (std::fclose(fp_) != 0 && ok) {
         ok = false;

@@ -3,7 +3,10 @@
 // run that crashed half-way) sees either the old file or the whole new one.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -14,6 +17,9 @@ namespace rv {
 // Bytes the temporary file is written in at a time: table images and INSERT
 // scripts run to hundreds of megabytes.
 inline constexpr std::size_t kAtomicFileBuffer = 64 * 1024;
+// Bytes written after which the disk is asked to begin writing them, so that
+// the sync of the commit finds most of a large file on the disk already.
+inline constexpr std::size_t kAtomicFileWriteBehind = 8 * 1024 * 1024;
 
 class AtomicFile {
 public:
@@ -43,8 +49,17 @@ private:
     // Closes and removes the temporary file; the target stays as it was.
     void discard();
 
+    // The stream's writes: all of `data` to the temporary file, the disk
+    // asked to begin writing every kAtomicFileWriteBehind bytes; -1 with
+    // errno set when a write fails.
+    static ssize_t write_out(void* self, const char* data, std::size_t size);
+    static int close_out(void* self);
+
     std::string target_;
     std::string temp_;
+    int fd_ = -1;                   // the temporary file, owned by fp_ once it is open
+    std::uint64_t written_ = 0;     // bytes written to it
+    std::uint64_t behind_ = 0;      // bytes of it the disk was asked to write
     std::FILE* fp_ = nullptr;
     std::unique_ptr<char[]> buffer_;  // the stream's
     bool committed_ = false;

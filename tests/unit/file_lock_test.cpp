@@ -1,5 +1,5 @@
-// The file lock that says who holds it, and the clean-up of the temporary
-// files of atomic replacements whose process is gone.
+// The file lock that says who holds it, atomic replacements, and the
+// clean-up of their temporary files whose process is gone.
 #include "sys/file_lock.hpp"
 
 #include <gtest/gtest.h>
@@ -78,6 +78,36 @@ TEST(AbandonedTemporaries, OnlyThoseOfProcessesOfThisProgramStay) {
     for (const auto& e : fs::directory_iterator(dir)) left.insert(e.path().string());
     EXPECT_EQ(left, kept);
     EXPECT_TRUE(rv::remove_abandoned_temporaries(box.path("missing/")).empty());
+}
+
+// A file larger than the writes the disk is asked to begin on the way
+// arrives whole, byte for byte, or not at all: the target keeps its old
+// content until the commit.
+TEST(AtomicFile, TheTargetHasAllOfTheNewContentOrStaysAsItWas) {
+    rvtest::Sandbox box;
+    const std::string target = box.path("db_media.tmp");
+    rvtest::write_file(target, "old\n");
+    std::string content;
+    for (std::size_t i = 0; content.size() < 2 * rv::kAtomicFileWriteBehind + 12345; ++i)
+        content += "|id=" + std::to_string(i) + "|label=L" + std::to_string(i * 7) + "|\n";
+    {
+        rv::AtomicFile dropped(target);
+        ASSERT_TRUE(dropped.ok()) << dropped.why();
+        ASSERT_EQ(std::fwrite(content.data(), 1, content.size(), dropped.stream()), content.size());
+        EXPECT_TRUE(fs::exists(dropped.temp()));
+    }
+    EXPECT_EQ(rvtest::read_file(target), "old\n");
+    rv::AtomicFile file(target);
+    ASSERT_TRUE(file.ok()) << file.why();
+    for (std::size_t at = 0; at < content.size(); at += 1000)  // pieces that do not fill the buffer evenly
+        ASSERT_EQ(std::fwrite(content.data() + at, 1, std::min<std::size_t>(1000, content.size() - at), file.stream()),
+                  std::min<std::size_t>(1000, content.size() - at));
+    ASSERT_TRUE(file.commit()) << file.why();
+    EXPECT_TRUE(rvtest::read_file(target) == content);
+    EXPECT_FALSE(fs::exists(file.temp()));
+    rv::AtomicFile nowhere(box.path("missing/db_media.tmp"));
+    EXPECT_FALSE(nowhere.ok());
+    EXPECT_EQ(nowhere.why(), "cannot write " + nowhere.temp() + ": No such file or directory");
 }
 
 }  // namespace
