@@ -7,7 +7,10 @@
 // that its Error line holds the statement's message, not COPY's); when the
 // server does not say which row failed, the attempt is split in halves.
 // Every row that succeeds on its own is committed exactly once, in file
-// order, as on the statement path.
+// order, as on the statement path. Attempts are as long as the failures
+// seen so far make cheapest (AttemptSize); in a short one the server stores
+// a row at a time. While the loader waits for the server, it reads the
+// script ahead.
 //
 // Only tables where COPY does what the INSERT statements would do take this
 // path: plain and partitioned tables without rules on INSERT, statement
