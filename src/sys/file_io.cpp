@@ -12,26 +12,28 @@
 
 namespace rv {
 
-bool read_line(std::FILE* fp, std::string& line, LineFeed lf) {
+ssize_t LineBuffer::read(std::FILE* fp) {
     // Tables run to millions of lines: the C library finds the line feed in
     // its buffer, NUL bytes included, into a buffer that grows as needed.
-    struct Free {
-        void operator()(char* p) const { std::free(p); }
-    };
-    static std::unique_ptr<char, Free> buffer;
-    static std::size_t capacity = 0;
-    char* raw = buffer.release();
-    const ssize_t n = getdelim(&raw, &capacity, '\n', fp);
-    buffer.reset(raw);
+    char* raw = buffer_.release();
+    errno = 0;
+    const ssize_t got = ::getdelim(&raw, &capacity_, '\n', fp);
+    buffer_.reset(raw);
+    return got;
+}
+
+bool read_line(std::FILE* fp, std::string& line, LineFeed lf) {
+    static LineBuffer buffer;
+    const ssize_t n = buffer.read(fp);
     if (n <= 0) {
         line.clear();
         return false;
     }
     std::size_t size = static_cast<std::size_t>(n);
-    if (raw[size - 1] == '\n' && lf == LineFeed::drop) {
+    if (buffer.data()[size - 1] == '\n' && lf == LineFeed::drop) {
         --size;
     }
-    line.assign(raw, size);
+    line.assign(buffer.data(), size);
     return true;
 }
 
@@ -57,17 +59,14 @@ int read_pieces(const std::string& path, int flags, const std::function<bool(std
 }
 
 bool LineReader::next(std::string_view& line) {
-    char* raw = buffer_.release();
-    errno = 0;
-    const ssize_t got = ::getline(&raw, &capacity_, fp_);
-    buffer_.reset(raw);
+    const ssize_t got = buffer_.read(fp_);
     if (got < 0) {
         if (std::ferror(fp_)) {
             error_ = errno != 0 ? errno : EIO;
         }
         return false;
     }
-    line = std::string_view(raw, static_cast<std::size_t>(got));
+    line = std::string_view(buffer_.data(), static_cast<std::size_t>(got));
     if (!line.empty() && line.back() == '\n') {
         line.remove_suffix(1);
     }

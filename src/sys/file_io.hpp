@@ -3,6 +3,8 @@
 // status release() the stream and close it themselves.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -45,6 +47,24 @@ bool read_line(std::FILE* fp, std::string& line, LineFeed lf = LineFeed::drop);
 // the errno of a failed open.
 int read_pieces(const std::string& path, int flags, const std::function<bool(std::string_view)>& take);
 
+// Room for a line of any length, as getdelim grows it.
+class LineBuffer {
+  public:
+    // Reads the next line of `fp`, its line feed included, into the buffer:
+    // its length, or -1 at the end of input or on a read error (errno set).
+    ssize_t read(std::FILE* fp);
+
+    const char* data() const { return buffer_.get(); }
+
+  private:
+    struct MallocFree {
+        void operator()(char* p) const { std::free(p); }
+    };
+
+    std::unique_ptr<char, MallocFree> buffer_;
+    std::size_t capacity_ = 0;
+};
+
 // The lines of a stream one after the other, of any length, each a view
 // into the reader's buffer that stays valid until the next call.
 class LineReader {
@@ -60,13 +80,8 @@ class LineReader {
     int error() const { return error_; }
 
   private:
-    struct MallocFree {
-        void operator()(char* p) const { std::free(p); }
-    };
-
     std::FILE* fp_;
-    std::unique_ptr<char, MallocFree> buffer_;
-    std::size_t capacity_ = 0;
+    LineBuffer buffer_;
     int error_ = 0;
 };
 
