@@ -6,14 +6,16 @@
 // blanks around it; a server message
 // made one line holds no line break, tab or double blank and stays as it is
 // when made one line again; units keep their size and kinds, and their
-// statements come in the order of their lines.
+// statements come in the order of their lines, the same whether or not the
+// loader reads ahead between them.
 #include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "loader/copy_path.hpp"
+#include "loader/copy_text.hpp"
 #include "loader/insert_shapes.hpp"
 #include "loader/script.hpp"
 #include "loader/statement.hpp"
@@ -101,19 +103,36 @@ void check_message(std::string_view text) {
     FUZZ_CHECK(rv::one_line(once) == once);
 }
 
-// The units of the whole input read as a script, `batch` statements at most.
-void check_units(const std::uint8_t* data, std::size_t size, std::size_t batch) {
+// A unit as its kind, database and statements' lines and texts.
+using UnitShape = std::pair<std::string, std::vector<std::pair<std::size_t, std::string>>>;
+
+// The units of the whole input read as a script, `batch` statements at most,
+// reading up to `ahead` statements ahead before each unit.
+std::vector<UnitShape> check_units(const std::uint8_t* data, std::size_t size, std::size_t batch,
+                                   std::size_t ahead) {
+    std::vector<UnitShape> read;
     std::FILE* fp = fmemopen(const_cast<std::uint8_t*>(data), size, "r");
     if (fp == nullptr) {
-        return;
+        return read;
     }
     rv::InsertShapes shapes(batch);
     rv::UnitReader units(rv::FilePtr(fp), batch, shapes);
     std::size_t last = 0;
-    for (rv::Unit unit = units.next(); unit.kind != rv::Unit::Kind::End; unit = units.next()) {
+    for (;;) {
+        std::size_t now_ahead = 0;
+        while (now_ahead < ahead && units.read_ahead()) {
+            ++now_ahead;
+        }
+        FUZZ_CHECK(now_ahead <= batch);
+        const rv::Unit unit = units.next();
+        if (unit.kind == rv::Unit::Kind::End) {
+            break;
+        }
         FUZZ_CHECK(unit.kind == rv::Unit::Kind::Connect ? unit.statements.empty() && !unit.database.empty()
                                                         : !unit.statements.empty());
         FUZZ_CHECK(unit.statements.size() <= (unit.kind == rv::Unit::Kind::Batch ? batch : 1));
+        read.emplace_back(std::to_string(static_cast<int>(unit.kind)) + unit.database,
+                          std::vector<std::pair<std::size_t, std::string>>{});
         for (const rv::Statement& statement : unit.statements) {
             FUZZ_CHECK(statement.line > last && statement.line <= units.lines());
             last = statement.line;
@@ -123,9 +142,11 @@ void check_units(const std::uint8_t* data, std::size_t size, std::size_t batch) 
             if (statement.kind == rv::ScriptLineKind::Insert) {
                 FUZZ_CHECK(shapes[statement.prepared].params == static_cast<int>(statement.values.size()));
             }
+            read.back().second.emplace_back(statement.line, statement.text);
         }
     }
     FUZZ_CHECK(units.error() == 0);
+    return read;
 }
 
 }  // namespace
@@ -140,7 +161,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     check_message(text);
     if (size > 0) {
-        check_units(data + 1, size - 1, 1 + data[0] % 8);
+        const std::size_t batch = 1 + data[0] % 8;
+        FUZZ_CHECK(check_units(data + 1, size - 1, batch, 0) == check_units(data + 1, size - 1, batch, batch));
     }
     return 0;
 }
