@@ -31,34 +31,6 @@ constexpr const char* kRelease = "RELEASE SAVEPOINT oaisql_copy; ";
 constexpr const char* kRollback =
     "ROLLBACK TO SAVEPOINT oaisql_copy; RELEASE SAVEPOINT oaisql_copy; ";
 
-// Whether COPY may take the table of `head` ("<table> (<col>,...)"): a
-// plain or partitioned table, no rule on INSERT, no statement trigger on
-// INSERT, no row security, no identity column that refuses a value, and in
-// it or its partitions nothing deferrable, no row trigger of its own that
-// fires after INSERT, and no foreign key that refers to the table itself or
-// sits beside a row trigger of its own. COPY checks foreign keys and fires
-// those triggers when all its rows are in, statements after each row: a
-// row that names one behind it, or a trigger that looks at rows or fills a
-// referenced table, would see another table.
-std::string copy_question(const std::string& head) {
-    const std::string table = head.substr(0, head.find(' '));
-    // A plain table is no partition tree: it stands alone in it.
-    return "WITH tree AS (SELECT to_regclass('" + table + "') AS relid"
-           " UNION SELECT relid FROM pg_partition_tree(to_regclass('" + table + "')))"
-           " SELECT c.relkind IN ('r', 'p') AND NOT c.relrowsecurity"
-           " AND NOT EXISTS (SELECT FROM pg_rewrite r WHERE r.ev_class = c.oid AND r.ev_type = '3')"
-           " AND NOT EXISTS (SELECT FROM pg_trigger t WHERE t.tgrelid = c.oid AND t.tgtype & 5 = 4)"
-           " AND NOT EXISTS (SELECT FROM pg_attribute a"
-           "   WHERE a.attrelid = c.oid AND a.attidentity = 'a' AND NOT a.attisdropped)"
-           " AND NOT EXISTS (SELECT FROM pg_constraint k WHERE k.conrelid IN (SELECT relid FROM tree)"
-           "   AND (k.condeferrable OR k.contype = 'f' AND (k.confrelid IN (SELECT relid FROM tree)"
-           "     OR EXISTS (SELECT FROM pg_trigger t WHERE t.tgrelid IN (SELECT relid FROM tree)"
-           "       AND t.tgtype & 1 = 1 AND NOT t.tgisinternal))))"
-           " AND NOT EXISTS (SELECT FROM pg_trigger t WHERE t.tgrelid IN (SELECT relid FROM tree)"
-           "   AND (t.tgdeferrable OR t.tgtype & 71 = 5 AND NOT t.tgisinternal))"
-           " FROM pg_class c WHERE c.oid = to_regclass('" + table + "')";
-}
-
 // Whether a COPY's failure with SQLSTATE `state` carries the message the
 // failing row's INSERT would: integrity constraints are checked when the
 // row is stored, by the same code and with the same words for both.
@@ -113,7 +85,7 @@ bool CopyPath::table_takes_copy(int index) {
     if (shape.copy < 0) {
         shape.copy = 0;
         if (!embeds_backslash(pg_encoding_to_char(PQclientEncoding(session_.get())))) {
-            const Result answer = session_.query(copy_question(shape.head));
+            const Result answer = session_.query(copy_question(table_literal(shape.head)));
             shape.copy = PQntuples(answer.get()) == 1 &&
                          std::string_view(PQgetvalue(answer.get(), 0, 0)) == "t";
         }
@@ -163,14 +135,62 @@ std::size_t CopyPath::finish(bool durable) {
     return line;
 }
 
+bool CopyPath::begin_run() {
+    PGconn* conn = session_.get();
+    const std::string& head = shapes_[shape_].head;
+    std::string commands = position_ != nullptr ? "BEGIN; SELECT txid_current(); " : "BEGIN; ";
+    int lock_at = position_ != nullptr ? 3 : 2;  // the answer of the lock
+    // Prepared once a connection and generation: run after run, the server
+    // plans the question once instead of each time.
+    const std::string check = "oaisql_copy_check_" + std::to_string(shapes_.generation());
+    if (check_prepared_ != shapes_.generation()) {
+        commands += "PREPARE " + check + "(text) AS " + copy_question("$1") + "; ";
+        check_prepared_ = shapes_.generation();
+        ++lock_at;
+    }
+    commands += kSavepoint;
+    commands += "LOCK TABLE " + head.substr(0, head.find(' ')) + " IN ROW EXCLUSIVE MODE; ";
+    commands += "EXECUTE " + check + "(" + table_literal(head) + ")";
+    begun_ = true;
+    savepoint_ = Savepoint::Loaded;
+    if (PQsendQuery(conn, commands.c_str()) == 0) {
+        session_.lost();
+    }
+    flush();
+    bool takes = true;
+    for (int seen = 0;; ++seen) {
+        await();
+        const Result result(PQgetResult(conn));
+        if (!result) {
+            return takes && savepoint_ == Savepoint::Loaded;
+        }
+        const ExecStatusType status = PQresultStatus(result.get());
+        if (is_failure(status) && (PQstatus(conn) == CONNECTION_BAD || seen < lock_at)) {
+            if (PQstatus(conn) == CONNECTION_BAD) {
+                session_.lost();
+            }
+            check_prepared_.reset();
+            throw Stop("database " + session_.database() +
+                       " refused a statement of the loader: " + error_text(result.get()));
+        }
+        if (is_failure(status)) {
+            savepoint_ = Savepoint::Failed;  // the table is gone, or not ours to lock
+        } else if (status == PGRES_TUPLES_OK && seen == 1 && position_ != nullptr) {
+            xid_ = std::strtoull(PQgetvalue(result.get(), 0, 0), nullptr, 10);
+        } else if (status == PGRES_TUPLES_OK && seen == lock_at + 1) {
+            takes = PQntuples(result.get()) == 1 && std::string_view(PQgetvalue(result.get(), 0, 0)) == "t";
+        }
+    }
+}
+
 bool CopyPath::open_copy() {
     PGconn* conn = session_.get();
+    if (!begun_ && !begin_run()) {
+        shapes_[shape_].copy = 0;  // its rows go as statements
+        return false;
+    }
     int before = 0;  // commands before the COPY
     std::string commands = leave_savepoint(before);
-    if (!begun_) {
-        commands = position_ != nullptr ? "BEGIN; SELECT txid_current(); " : "BEGIN; ";
-        before = position_ != nullptr ? 2 : 1;
-    }
     commands += kSavepoint;
     commands += "COPY " + shapes_[shape_].head + " FROM STDIN";
     if (size_.rows() < kRowAtATime && PQserverVersion(conn) >= kCopyWhereVersion) {
@@ -179,7 +199,6 @@ bool CopyPath::open_copy() {
         commands += " WHERE pg_catalog.clock_timestamp() IS NOT NULL";
     }
     ++before;
-    begun_ = true;
     if (PQsendQuery(conn, commands.c_str()) == 0) {
         session_.lost();
     }
@@ -207,9 +226,6 @@ bool CopyPath::open_copy() {
         if (is_failure(status)) {
             throw Stop("database " + session_.database() +
                        " refused a statement of the loader: " + error_text(result.get()));
-        }
-        if (status == PGRES_TUPLES_OK && PQntuples(result.get()) == 1) {
-            xid_ = std::strtoull(PQgetvalue(result.get(), 0, 0), nullptr, 10);
         }
     }
 }

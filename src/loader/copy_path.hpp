@@ -116,8 +116,16 @@ class CopyPath {
     // connection).
     bool table_takes_copy(int index);
 
+    // Opens the run's transaction and asks again, under a lock that keeps
+    // triggers, rules and constraints from being added to the table until
+    // the commit, whether COPY may load it; false when not, or when the
+    // table cannot be locked (its rows then go as statements). Throws Stop
+    // when the server refuses the transaction.
+    bool begin_run();
+
     // Opens an attempt of the run (the transaction too, at its first) and
-    // waits for the server to take data; false when it refused the COPY.
+    // waits for the server to take data; false when it refused the COPY or
+    // the table no longer takes COPY.
     bool open_copy();
 
     // Hands COPY text `data` to libpq; true when the server spoke meanwhile.
@@ -202,6 +210,7 @@ class CopyPath {
     std::size_t known_ = 0;           // rows [from_, known_) pass: the last, failing, was reported
     std::vector<bool> reported_;      // rows of the run that failed already
     AttemptSize size_;                // rows an attempt sends
+    std::optional<std::size_t> check_prepared_;  // the generation of shapes its check is prepared in
     std::uint64_t base_ = 0;          // rows of the runs before this one
     std::size_t failed_ = 0;          // rows of the run that failed
     std::uint64_t xid_ = 0;           // the run's transaction

@@ -1,11 +1,39 @@
-// The COPY text of a row, the row a failed COPY names, and the size of an
-// attempt.
+// The question whether COPY may take a table, the COPY text of a row, the
+// row a failed COPY names, and the size of an attempt.
 #include "loader/copy_text.hpp"
 
 #include <charconv>
 #include <cmath>
 
 namespace rv {
+
+// COPY may take a plain or partitioned table, no rule on INSERT, no
+// statement trigger on INSERT, no row security, no identity column that
+// refuses a value, and in it or its partitions nothing deferrable, no row
+// trigger of its own that fires after INSERT, and no foreign key that refers
+// to the table itself or sits beside a row trigger of its own. COPY checks
+// foreign keys and fires those triggers when all its rows are in, statements
+// after each row: a row that names one behind it, or a trigger that looks at
+// rows or fills a referenced table, would see another table.
+std::string copy_question(const std::string& name) {
+    // A plain table is no partition tree: it stands alone in it.
+    return "WITH tree AS (SELECT to_regclass(" + name + ") AS relid"
+           " UNION SELECT relid FROM pg_partition_tree(to_regclass(" + name + ")))"
+           " SELECT c.relkind IN ('r', 'p') AND NOT c.relrowsecurity"
+           " AND NOT EXISTS (SELECT FROM pg_rewrite r WHERE r.ev_class = c.oid AND r.ev_type = '3')"
+           " AND NOT EXISTS (SELECT FROM pg_trigger t WHERE t.tgrelid = c.oid AND t.tgtype & 5 = 4)"
+           " AND NOT EXISTS (SELECT FROM pg_attribute a"
+           "   WHERE a.attrelid = c.oid AND a.attidentity = 'a' AND NOT a.attisdropped)"
+           " AND NOT EXISTS (SELECT FROM pg_constraint k WHERE k.conrelid IN (SELECT relid FROM tree)"
+           "   AND (k.condeferrable OR k.contype = 'f' AND (k.confrelid IN (SELECT relid FROM tree)"
+           "     OR EXISTS (SELECT FROM pg_trigger t WHERE t.tgrelid IN (SELECT relid FROM tree)"
+           "       AND t.tgtype & 1 = 1 AND NOT t.tgisinternal))))"
+           " AND NOT EXISTS (SELECT FROM pg_trigger t WHERE t.tgrelid IN (SELECT relid FROM tree)"
+           "   AND (t.tgdeferrable OR t.tgtype & 71 = 5 AND NOT t.tgisinternal))"
+           " FROM pg_class c WHERE c.oid = to_regclass(" + name + ")";
+}
+
+std::string table_literal(const std::string& head) { return "'" + head.substr(0, head.find(' ')) + "'"; }
 
 std::size_t AttemptSize::rows() const {
     if (!failed_) {

@@ -1,6 +1,6 @@
-// What the loader's COPY path says to the server and hears from it: the
-// COPY text of a row, the row a failed COPY names, and how many rows an
-// attempt sends.
+// What the loader's COPY path says to the server and hears from it: whether
+// COPY may take a table, the COPY text of a row, the row a failed COPY
+// names, and how many rows an attempt sends.
 #pragma once
 
 #include <algorithm>
@@ -49,6 +49,15 @@ class AttemptSize {
     std::uint64_t last_ = 0;       // the last failing row
     std::uint64_t reached_ = 0;    // the rows before it are loaded
 };
+
+// The query whether COPY may load the table named by `name` (SQL text: a
+// literal or a parameter) as its statements would: one row, true or false;
+// none when there is no such table.
+std::string copy_question(const std::string& name);
+
+// The table of `head` ("<table> (<col>,...)"), a plain name the script
+// wrote, as an SQL literal.
+std::string table_literal(const std::string& head);
 
 // The row (1 on) that a failed COPY names in its context `context` ("COPY
 // <table>, line <n>..."), nullopt when it names none.

@@ -255,6 +255,43 @@ TEST_F(DbLoader, CopyLoadsWhatTheStatementsWouldAndLeavesTablesItWouldChangeToTh
     EXPECT_EQ(by_statements->at(7).at(1), "\\+");
 }
 
+TEST_F(DbLoader, ATableChangedBeforeARunTakesItsLockIsSeenByTheRun) {
+    // The loader asks about a table before its first run. Another session
+    // holds the table and changes it while the run waits for it. A statement
+    // trigger added then must fire once a row, as for statements, not once
+    // for a COPY of all of them; a table dropped then fails every row alone.
+    pg_query("ravik_db", "create table lt (id int); create table lt_fired (n bigint); create function lt_count() "
+                         "returns trigger language plpgsql as $$ begin insert into lt_fired select count(*) from "
+                         "new_rows; return null; end $$");
+    std::string script, gone;
+    for (int i = 1; i <= 40; ++i) {
+        script += "INSERT INTO lt (id) VALUES ('" + std::to_string(i) + "');\n";
+        gone += "Error in line " + std::to_string(i) + ": relation \"lt\" does not exist\n";
+    }
+    rvtest::write_file(file, script);
+    const rv::Connection other(PQconnectdb("dbname=ravik_db"));
+    const auto in_other = [&other](const std::string& sql) {
+        const rv::Result result(PQexec(other.get(), sql.c_str()));
+        return PQresultStatus(result.get()) == PGRES_COMMAND_OK;
+    };
+    const std::pair<std::string, std::string> changes[] = {
+        {"create trigger lt_per_statement after insert on lt referencing new table as new_rows for each statement "
+         "execute function lt_count()", "oaisql: 40 statements, 40 succeeded, 0 failed\n"},
+        {"drop table lt", gone + "oaisql: 40 statements, 0 succeeded, 40 failed\n"},
+    };
+    for (const auto& [change, out] : changes) {
+        ASSERT_TRUE(in_other("begin; lock table lt in share mode")) << PQerrorMessage(other.get());
+        rvtest::Background loader({rvtest::bin("oaisql"), "-c", file, "-g", "1"});
+        ASSERT_TRUE(rvtest::eventually([] {
+            return value("select count(*) from pg_locks where relation = 'lt'::regclass and not granted") != "0";
+        }));
+        ASSERT_TRUE(in_other(change + "; commit")) << PQerrorMessage(other.get());
+        const auto r = loader.wait();
+        EXPECT_EQ(outcome(r), std::make_tuple(out.starts_with("Error") ? 1 : 0, out)) << change << r.err;
+    }
+    EXPECT_EQ(value("select count(*) || ' ' || sum(n) from lt_fired"), "40 40");
+}
+
 TEST_F(DbLoader, OneHugeCommitGroupNeitherSideWaitsForTheOther) {
     // 60,000 single-row statements in one transaction: the answers fill the
     // socket long before the last statement is written.
