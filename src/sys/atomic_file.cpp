@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "sys/file_io.hpp"
+
 namespace rv {
 
 namespace {
@@ -85,16 +87,8 @@ AtomicFile::AtomicFile(std::string target)
 
 ssize_t AtomicFile::write_out(void* self, const char* data, std::size_t size) {
     auto& file = *static_cast<AtomicFile*>(self);
-    for (std::size_t done = 0; done < size;) {
-        const ssize_t n = ::write(file.fd_, data + done, size - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            errno = n == 0 ? EIO : errno;
-            return -1;
-        }
-        done += static_cast<std::size_t>(n);
+    if (!write_fully(file.fd_, std::string_view(data, size))) {
+        return -1;
     }
     file.written_ += size;
     if (file.written_ - file.behind_ >= kAtomicFileWriteBehind) {

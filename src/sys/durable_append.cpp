@@ -27,16 +27,8 @@ bool DurableAppend::append(std::string_view line) {
     }
     std::string whole(line);
     whole += '\n';
-    std::size_t done = 0;
-    while (done < whole.size()) {
-        const ssize_t n = ::write(fd_, whole.data() + done, whole.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return failed("cannot write");
-        }
-        done += static_cast<std::size_t>(n);
+    if (!write_fully(fd_, whole)) {
+        return failed("cannot write");
     }
     while (::fdatasync(fd_) != 0) {
         if (errno != EINTR) {

@@ -58,6 +58,21 @@ int read_pieces(const std::string& path, int flags, const std::function<bool(std
     }
 }
 
+bool write_fully(int fd, std::string_view data) {
+    while (!data.empty()) {
+        const ssize_t n = ::write(fd, data.data(), data.size());
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            errno = n == 0 ? EIO : errno;
+            return false;
+        }
+        data.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+}
+
 bool LineReader::next(std::string_view& line) {
     const ssize_t got = buffer_.read(fp_);
     if (got < 0) {

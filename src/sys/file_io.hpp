@@ -47,6 +47,11 @@ bool read_line(std::FILE* fp, std::string& line, LineFeed lf = LineFeed::drop);
 // the errno of a failed open.
 int read_pieces(const std::string& path, int flags, const std::function<bool(std::string_view)>& take);
 
+// Writes all of `data` to `fd`, going on after an interrupted or short
+// write; false with errno set when a write fails (EIO when it wrote
+// nothing).
+bool write_fully(int fd, std::string_view data);
+
 // Room for a line of any length, as getdelim grows it.
 class LineBuffer {
   public:
