@@ -149,7 +149,7 @@ bool CopyPath::begin_run() {
         ++lock_at;
     }
     commands += kSavepoint;
-    commands += "LOCK TABLE " + head.substr(0, head.find(' ')) + " IN ROW EXCLUSIVE MODE; ";
+    commands.append("LOCK TABLE ").append(table_of(head)).append(" IN ROW EXCLUSIVE MODE; ");
     commands += "EXECUTE " + check + "(" + table_literal(head) + ")";
     begun_ = true;
     savepoint_ = Savepoint::Loaded;

@@ -33,7 +33,9 @@ std::string copy_question(const std::string& name) {
            " FROM pg_class c WHERE c.oid = to_regclass(" + name + ")";
 }
 
-std::string table_literal(const std::string& head) { return "'" + head.substr(0, head.find(' ')) + "'"; }
+std::string_view table_of(std::string_view head) { return head.substr(0, head.find(' ')); }
+
+std::string table_literal(std::string_view head) { return "'" + std::string(table_of(head)) + "'"; }
 
 std::size_t AttemptSize::rows() const {
     if (!failed_) {

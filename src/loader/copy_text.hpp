@@ -56,8 +56,11 @@ class AttemptSize {
 std::string copy_question(const std::string& name);
 
 // The table of `head` ("<table> (<col>,...)"), a plain name the script
-// wrote, as an SQL literal.
-std::string table_literal(const std::string& head);
+// wrote.
+std::string_view table_of(std::string_view head);
+
+// The table of `head` as an SQL literal.
+std::string table_literal(std::string_view head);
 
 // The row (1 on) that a failed COPY names in its context `context` ("COPY
 // <table>, line <n>..."), nullopt when it names none.
