@@ -169,7 +169,6 @@ bool CopyPath::begin_run() {
             if (PQstatus(conn) == CONNECTION_BAD) {
                 session_.lost();
             }
-            check_prepared_.reset();
             throw Stop("database " + session_.database() +
                        " refused a statement of the loader: " + error_text(result.get()));
         }
